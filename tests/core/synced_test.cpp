@@ -1,0 +1,102 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "support/wait.hpp"
+#include "zul/core/dispatch.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(SyncedTest, AnAbsentLockNeverRunsTheClosure) {
+    bool ran = false;
+    zul::synced(nullptr, [&] { ran = true; });
+    const int* none = nullptr;
+    zul::synced(none, [&] { ran = true; });
+    zul::synced(std::shared_ptr<int>(), [&] { ran = true; });
+    EXPECT_FALSE(ran);
+}
+
+TEST(SyncedTest, NestsOnOneThreadAndReleasesWhenTheClosureThrows) {
+    auto lock = std::make_shared<int>(0);
+    int depth = 0;
+    zul::synced(lock, [&] {
+        zul::synced(lock.get(), [&] { zul::synced(lock, [&] { depth = 3; }); });
+    });
+    EXPECT_EQ(depth, 3);
+
+    EXPECT_THROW(zul::synced(lock, [] { throw std::runtime_error("x"); }), std::runtime_error);
+    std::atomic<bool> entered{false};
+    std::thread([&] { zul::synced(lock, [&] { entered = true; }); }).join();
+    EXPECT_TRUE(entered);
+}
+
+TEST(SyncedTest, CallsOnOneObjectExcludeEachOther) {
+    struct Table {
+        long count = 0;
+    } table;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 20000; ++i) zul::synced(&table, [&] { ++table.count; });
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(table.count, 80000);
+}
+
+TEST(SyncedTest, DistinctObjectsHaveDistinctMonitors) {
+    // Many objects in use at once, so that several share a shard of the monitor table.
+    std::vector<int> objects(200);
+    std::atomic<bool> holding{false};
+    std::atomic<bool> release{false};
+    std::thread holder([&] {
+        zul::synced(&objects[0], [&] {
+            holding = true;
+            while (!release) std::this_thread::sleep_for(1ms);
+        });
+    });
+    ASSERT_TRUE(zul::test::waitUntil([&] { return holding.load(); }));
+    int entered = 0;
+    for (std::size_t i = 1; i < objects.size(); ++i) zul::synced(&objects[i], [&] { ++entered; });
+    EXPECT_EQ(entered, 199);  // none of them waited for objects[0]
+    release = true;
+    holder.join();
+}
+
+TEST(SyncedTest, TheMonitorBelongsToTheWholeObjectWhicheverBaseIsPassed) {
+    struct Left {
+        virtual ~Left() = default;
+        int left = 0;
+    };
+    struct Right {
+        virtual ~Right() = default;
+        int right = 0;
+    };
+    struct Both final : Left, Right {};
+    Both object;
+    const Right* asRight = &object;
+    const Left* asLeft = &object;
+    ASSERT_NE(static_cast<const void*>(asRight), static_cast<const void*>(asLeft));
+
+    std::atomic<bool> holding{false};
+    std::atomic<bool> otherEntered{false};
+    std::thread holder([&] {
+        zul::synced(asRight, [&] {
+            holding = true;
+            std::this_thread::sleep_for(100ms);
+            EXPECT_FALSE(otherEntered.load());  // still excluded while held
+        });
+    });
+    ASSERT_TRUE(zul::test::waitUntil([&] { return holding.load(); }));
+    zul::synced(asLeft, [&] { otherEntered = true; });
+    holder.join();
+    EXPECT_TRUE(otherEntered);
+}
+
+}  // namespace
