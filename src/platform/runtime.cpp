@@ -38,7 +38,11 @@ struct Context {
     Context(int concurrencyHint, unsigned threads, const char* name) : io(concurrencyHint), guard(io.get_executor()) {
         for (unsigned i = 0; i < threads; ++i) {
             std::thread worker([this, name, i, threads] {
-                const std::string threadName = std::string(name) + (threads > 1 ? "-" + std::to_string(i) : "");
+                std::string threadName(name);
+                if (threads > 1) {
+                    threadName += '-';
+                    threadName += std::to_string(i);
+                }
                 pthread_setname_np(pthread_self(), threadName.substr(0, 15).c_str());
                 io.run();
             });

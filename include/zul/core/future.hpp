@@ -89,7 +89,11 @@ public:
     /// thread, any number of times (see the note on completing twice).
     class Completion {
     public:
-        void operator()(Outcome outcome) const { future_->send(std::move(outcome)); }
+        void operator()(Outcome outcome) const {
+            // A callback may drop the last other reference to the future while it is delivering.
+            const std::shared_ptr<Future> keep = future_;
+            keep->send(std::move(outcome));
+        }
 
     private:
         friend class Future;
@@ -245,8 +249,8 @@ public:
     /// The future's label, "Future-" followed by a UUID in upper case, made on first request.
     std::string label() const {
         std::lock_guard lock(mutex_);
-        if (label_.empty()) label_ = detail::makeFutureLabel();
-        return label_;
+        if (!label_) label_ = std::make_unique<const std::string>(detail::makeFutureLabel());
+        return *label_;
     }
 
     explicit Future(PrivateTag) {}
@@ -269,6 +273,12 @@ private:
                 rest_.push_back(std::move(callback));
             }
         }
+        // Moves the callbacks to `into` (which must be empty), leaving this list empty.
+        void takeInto(CallbackList& into) noexcept {
+            into.count_ = std::exchange(count_, 0);
+            into.first_ = std::move(first_);
+            if (into.count_ > 1) into.rest_.swap(rest_);
+        }
         void callAll(const Outcome& outcome) {
             if (count_ == 0) return;
             first_(outcome);
@@ -283,36 +293,46 @@ private:
 
     // onResult without returning the future.
     void observe(Callback callback) {
-        std::shared_ptr<const Outcome> outcome;
+        std::shared_ptr<const Outcome> replacement;
         {
             std::lock_guard lock(mutex_);
-            outcome = cached_;  // 1. read the cached outcome
-            if (!outcome) {
+            // 1. read the cached outcome
+            if (!first_) {
                 pending_.push(std::move(callback));  // 3. not yet known: append the callback
                 return;
             }
+            replacement = replacement_;
         }
-        callback(*outcome);  // 2. known: call at once, on this thread
+        // 2. known: call at once, on this thread. `first_` never changes once set, so it is read
+        // outside the lock; a later outcome lives in `replacement_`, shared with this reader.
+        callback(replacement ? *replacement : *first_);
     }
 
     void send(Outcome result) {
-        auto outcome = std::make_shared<const Outcome>(std::move(result));
-        std::shared_ptr<const Outcome> replaced;
         CallbackList callbacks;
+        std::shared_ptr<const Outcome> replacement;
+        std::shared_ptr<const Outcome> replaced;
         {
             std::lock_guard lock(mutex_);
-            replaced = std::exchange(cached_, outcome);    // 1. store the outcome, replacing any earlier one
-            callbacks = std::exchange(pending_, {});       // 2. + 3. take the callbacks, leaving none
+            // 1. store the outcome, replacing any earlier one
+            if (!first_) {
+                first_.emplace(std::move(result));
+            } else {
+                replacement = std::make_shared<const Outcome>(std::move(result));
+                replaced = std::exchange(replacement_, replacement);
+            }
+            pending_.takeInto(callbacks);  // 2. + 3. take the callbacks, leaving none
         }
-        callbacks.callAll(*outcome);  // 4. in registration order, on this thread
+        callbacks.callAll(replacement ? *replacement : *first_);  // 4. in registration order, on this thread
     }
 
-    // Guards `pending_`, `cached_` and `label_`: the future's serial section. Callbacks always run
-    // outside it, so a callback may observe this or any other future.
+    // Guards the fields below: the future's serial section. Callbacks always run outside it, so a
+    // callback may observe this or any other future.
     mutable std::mutex mutex_;
     CallbackList pending_;
-    std::shared_ptr<const Outcome> cached_;
-    mutable std::string label_;
+    std::optional<Outcome> first_;                 // the first outcome; never changes once set
+    std::shared_ptr<const Outcome> replacement_;  // the latest outcome of a future completed again
+    mutable std::unique_ptr<const std::string> label_;
 };
 
 }  // namespace zul
