@@ -44,7 +44,7 @@ run_tests() {
 
 # Builds the example against the library installed from build DIR, as an application would.
 check_example() {
-    local dir=$1 prefix="$1/install"
+    local dir=$1 prefix="$PWD/$1/install"
     log "installing into $prefix and building the example against it"
     rm -rf "$prefix" "$dir/examples"
     cmake --install "$dir" --prefix "$prefix" >/dev/null

@@ -1,5 +1,6 @@
 #include "zul/platform/main_loop.hpp"
 
+#include <algorithm>
 #include <asio/executor_work_guard.hpp>
 
 #include "platform/runtime.hpp"
@@ -35,10 +36,14 @@ void MainLoop::runFor(std::chrono::milliseconds duration) {
 bool MainLoop::runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout) {
     auto& context = prepare();
     auto guard = asio::make_work_guard(context);
+    // `done` may become true through other threads, with no main-queue work to wake the loop, so
+    // the loop also wakes at every poll interval to ask again.
+    constexpr auto kPollInterval = std::chrono::milliseconds(5);
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!done()) {
-        if (context.stopped() || std::chrono::steady_clock::now() >= deadline) break;
-        context.run_one_until(deadline);
+        const auto now = std::chrono::steady_clock::now();
+        if (context.stopped() || now >= deadline) break;
+        context.run_one_until(std::min(deadline, now + kPollInterval));
     }
     return done();
 }

@@ -34,8 +34,9 @@ public:
     /// Runs main-queue jobs for about `duration` (or until `stop()`).
     static void runFor(std::chrono::milliseconds duration);
 
-    /// Runs main-queue jobs until `done()` returns true (checked before the first job and after
-    /// each batch of jobs), or `timeout` passes, or `stop()` is called. Returns `done()`.
+    /// Runs main-queue jobs until `done()` returns true, or `timeout` passes, or `stop()` is
+    /// called. Returns `done()`. `done()` is asked on this thread before the first job, after each
+    /// batch of jobs, and at least every 5 ms, so it may depend on other threads' work.
     static bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
 
     /// Runs the main-queue jobs that are pending, without blocking. Returns whether any ran.
