@@ -37,7 +37,11 @@ int main() {
 
     for (bool available : {true, false}) {
         fetchPriceInCents(worker, available)
-            ->map([](int cents) { return std::to_string(cents / 100) + "." + std::to_string(cents % 100); })
+            ->map([](int cents) {
+                char text[32];
+                std::snprintf(text, sizeof text, "%d.%02d", cents / 100, cents % 100);
+                return std::string(text);
+            })
             ->onResult([ui, &pending](const zul::Future<std::string>::Outcome& outcome) {
                 // Futures call back on the completing thread; hop to the main queue to "update the UI".
                 ui->async([outcome, &pending] {
