@@ -71,9 +71,9 @@ TEST(ResultTest, CarriesOneCaseAndTransformsIt) {
     EXPECT_TRUE(bad.isFailure());
     EXPECT_EQ(good.value(), 20);
     EXPECT_EQ(bad.error(), "nope");
-    EXPECT_EQ(good.successValue(), 20);
-    EXPECT_EQ(bad.successValue(), std::nullopt);
-    EXPECT_EQ(bad.failureError(), "nope");
+    EXPECT_EQ(good.optional(), 20);
+    EXPECT_EQ(bad.optional(), std::nullopt);
+    EXPECT_EQ(bad.maybeError(), "nope");
 
     EXPECT_EQ(good.map([](int v) { return v + 1; }).value(), 21);
     EXPECT_EQ(bad.map([](int v) { return v + 1; }).error(), "nope");

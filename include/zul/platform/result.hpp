@@ -3,6 +3,7 @@
 /// `Result<T, E>`: a success carrying a `T` or a failure carrying an `E`.
 
 #include <optional>
+#include <string>
 #include <type_traits>
 #include <utility>
 #include <variant>
@@ -82,8 +83,35 @@ public:
     Result(Failure<G> f)  // NOLINT(google-explicit-constructor)
         : storage_(std::in_place_index<1>, std::move(f.error)) {}
 
+    /// A success holding `value` when it is present, else a failure holding `orError`.
+    Result(std::optional<T> value, E orError)
+        : storage_(value ? std::variant<T, E>(std::in_place_index<0>, std::move(*value))
+                         : std::variant<T, E>(std::in_place_index<1>, std::move(orError))) {}
+
     static Result success(T value) { return Result(std::in_place_index<0>, std::move(value)); }
     static Result failure(E error) { return Result(std::in_place_index<1>, std::move(error)); }
+
+    /// The success of a result without a value.
+    static Result succeeded()
+        requires std::is_same_v<T, Void>
+    {
+        return success(Void{});
+    }
+
+    /// Runs `body` and collects its outcome: a success with what it returns, or a failure with
+    /// what it throws. The conversion of the thrown error to `E` is unconditional: with
+    /// `E = AnyError` any exception is taken; with a specific `E`, an exception of another type
+    /// is a programming error and stops the process. Bodies that need a soft failure catch
+    /// inside.
+    template <class F>
+        requires std::is_convertible_v<std::invoke_result_t<F&>, T>
+    static Result catchToResult(F&& body) {
+        try {
+            return success(body());
+        } catch (...) {
+            return failure(currentErrorAs());
+        }
+    }
 
     bool isSuccess() const noexcept { return storage_.index() == 0; }
     bool isFailure() const noexcept { return storage_.index() == 1; }
@@ -99,12 +127,21 @@ public:
     E&& error() && { return std::move(*std::get_if<1>(&checked(1))); }
 
     /// The success value, or absent.
-    std::optional<T> successValue() const {
-        return isSuccess() ? std::optional<T>(value()) : std::nullopt;
-    }
+    std::optional<T> optional() const { return isSuccess() ? std::optional<T>(value()) : std::nullopt; }
     /// The failure error, or absent.
-    std::optional<E> failureError() const {
-        return isFailure() ? std::optional<E>(error()) : std::nullopt;
+    std::optional<E> maybeError() const { return isFailure() ? std::optional<E>(error()) : std::nullopt; }
+
+    /// Calls `callback` with the value on a success; returns this result.
+    template <class F>
+    const Result& onSuccess(F&& callback) const {
+        if (isSuccess()) callback(value());
+        return *this;
+    }
+    /// Calls `callback` with the error on a failure; returns this result.
+    template <class F>
+    const Result& onFail(F&& callback) const {
+        if (isFailure()) callback(error());
+        return *this;
     }
 
     /// The success value; throws the error on a failure.
@@ -135,6 +172,16 @@ public:
         return std::invoke_result_t<F&, const T&>::failure(error());
     }
 
+    /// The throwing form: `transform` returns a plain value and may throw. What it returns is the
+    /// success; what it throws becomes the failure, converted to `E` as `catchToResult` does.
+    template <class F>
+        requires(!detail::IsResult<std::invoke_result_t<F&, const T&>>::value)
+    auto flatMap(F&& transform) const -> Result<std::invoke_result_t<F&, const T&>, E> {
+        using Next = Result<std::invoke_result_t<F&, const T&>, E>;
+        if (isFailure()) return Next::failure(error());
+        return Next::catchToResult([&] { return transform(value()); });
+    }
+
     /// The result `transform` makes of a failure's error; a success passes through.
     template <class F>
         requires detail::IsResult<std::invoke_result_t<F&, const E&>>::value
@@ -150,6 +197,27 @@ public:
     }
 
 private:
+    template <class, class>
+    friend class Result;
+
+    // The exception being handled, as an `E`; stops the process when it is not one.
+    static E currentErrorAs() {
+        if constexpr (std::is_same_v<E, AnyError>) {
+            return AnyError::current();
+        } else {
+            try {
+                throw;
+            } catch (const E& error) {
+                return error;
+            } catch (const std::exception& other) {
+                fatalError(std::string("catchToResult: the body threw \"") + other.what() +
+                           "\", which is not of the result's error type");
+            } catch (...) {
+                fatalError("catchToResult: the body threw a value that is not of the result's error type");
+            }
+        }
+    }
+
     template <std::size_t I, class V>
     Result(std::in_place_index_t<I> tag, V&& v) : storage_(tag, std::forward<V>(v)) {}
 
@@ -165,5 +233,11 @@ private:
 
     std::variant<T, E> storage_;
 };
+
+/// The value and the error of `result`, exactly one of them present.
+template <class T, class E>
+std::pair<std::optional<T>, std::optional<E>> convertToTuple(const Result<T, E>& result) {
+    return {result.optional(), result.maybeError()};
+}
 
 }  // namespace zul

@@ -1,0 +1,94 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "zul/network/parameter_encoding.hpp"
+
+namespace {
+
+using zul::AnyMap;
+using zul::NetworkRouterError;
+using zul::URLRequest;
+
+URLRequest requestFor(const char* url) { return URLRequest(zul::URL::fromString(url)); }
+
+std::string urlOf(const URLRequest& request) { return request.url()->absoluteString(); }
+
+TEST(URLParameterEncoderTest, ReplacesTheQueryWithOneItemPerParameterPrintedAsText) {
+    auto request = requestFor("https://h/x?x=1");
+    const AnyMap parameters{{"y", 2}};
+    zul::URLParameterEncoder::encode(&parameters, request);
+    EXPECT_EQ(urlOf(request), "https://h/x?y=2");
+
+    auto mixed = requestFor("https://h/search");
+    const AnyMap values{{"q", "star wars & more"}, {"adult", false}, {"ids", zul::AnyList{1, 2}}, {"ratio", 0.5}};
+    zul::URLParameterEncoder::encode(&values, mixed);
+    // Text and printed values alike go through the query items' percent-encoding.
+    EXPECT_EQ(urlOf(mixed), "https://h/search?q=star%20wars%20%26%20more&adult=false&ids=%5B1,%202%5D&ratio=0.5");
+    EXPECT_TRUE(mixed.allHTTPHeaderFields().empty());
+}
+
+TEST(URLParameterEncoderTest, AbsentEmptyAndMissingURL) {
+    auto untouched = requestFor("https://h/x?keep=1");
+    zul::URLParameterEncoder::encode(nullptr, untouched);
+    EXPECT_EQ(urlOf(untouched), "https://h/x?keep=1");
+
+    auto emptied = requestFor("https://h/x?drop=1#top");
+    const AnyMap none;
+    zul::URLParameterEncoder::encode(&none, emptied);
+    EXPECT_EQ(urlOf(emptied), "https://h/x?#top");
+
+    URLRequest withoutURL;
+    try {
+        zul::URLParameterEncoder::encode(&none, withoutURL);
+        FAIL() << "no error";
+    } catch (const NetworkRouterError& error) {
+        EXPECT_EQ(error.kind(), NetworkRouterError::Kind::invalidUrl);
+    }
+    EXPECT_THROW(zul::URLParameterEncoder::encode(nullptr, withoutURL), NetworkRouterError);
+}
+
+TEST(JSONParameterEncoderTest, WritesAPrettyBodyAndSetsOrReplacesTheContentType) {
+    auto request = requestFor("https://h/x");
+    const AnyMap parameters{{"title", "a/b"}, {"year", 1977}, {"tags", zul::AnyList{"x"}}};
+    zul::JSONParameterEncoder::encode(&parameters, request);
+    ASSERT_TRUE(request.httpBody().has_value());
+    EXPECT_EQ(zul::stringFromData(*request.httpBody()),
+              "{\n  \"title\" : \"a\\/b\",\n  \"year\" : 1977,\n  \"tags\" : [\n    \"x\"\n  ]\n}");
+    EXPECT_EQ(request.value("content-type"), "application/json");
+
+    auto replaced = requestFor("https://h/x");
+    replaced.setValue("text/plain", "content-TYPE");
+    const AnyMap empty;
+    zul::JSONParameterEncoder::encode(&empty, replaced);
+    EXPECT_EQ(zul::stringFromData(*replaced.httpBody()), "{\n\n}");
+    EXPECT_EQ(replaced.allHTTPHeaderFields().size(), 1u);
+    EXPECT_EQ(replaced.value("Content-Type"), "application/json");
+
+    auto untouched = requestFor("https://h/x");
+    zul::JSONParameterEncoder::encode(nullptr, untouched);
+    EXPECT_FALSE(untouched.httpBody().has_value());
+    EXPECT_TRUE(untouched.allHTTPHeaderFields().empty());
+}
+
+TEST(JSONParameterEncoderTest, AValueJSONCannotHoldFailsWithTheParametersAndLeavesTheRequestAlone) {
+    auto request = requestFor("https://h/x");
+    request.setHTTPBody(zul::dataFromString("before"));
+    const AnyMap parameters{{"name", "x"}, {"when", zul::Date(std::chrono::seconds(1551675967))}};
+    try {
+        zul::JSONParameterEncoder::encode(&parameters, request);
+        FAIL() << "no error";
+    } catch (const NetworkRouterError& error) {
+        ASSERT_EQ(error.kind(), NetworkRouterError::Kind::encoding);
+        ASSERT_NE(error.params(), nullptr);
+        EXPECT_EQ(*error.params(), parameters);
+        EXPECT_EQ(error.description(), "encoding(params: [\"name\": \"x\", \"when\": 2019-03-04 05:06:07 +0000])");
+    }
+    EXPECT_EQ(zul::stringFromData(*request.httpBody()), "before");
+    EXPECT_FALSE(request.value("Content-Type").has_value());
+
+    const AnyMap notFinite{{"x", std::numeric_limits<double>::infinity()}};
+    EXPECT_THROW(zul::JSONParameterEncoder::encode(&notFinite, request), NetworkRouterError);
+}
+
+}  // namespace

@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "zul/network/records.hpp"
+#include "zul/platform/result.hpp"
+
+namespace {
+
+using zul::NetworkRouterError;
+using RouterResult = zul::Result<int, NetworkRouterError>;
+
+TEST(ResponseTest, CreateKeepsResponseAndRequestAndReplacesStatusAndBody) {
+    zul::URLRequest request(zul::URL::fromString("https://h/x"));
+    auto http = std::make_shared<const zul::HTTPURLResponse>(request.url(), 200, zul::HTTPHeaders{{"ETag", "1"}});
+    const zul::Response original{200, zul::dataFromString("old"), http, request};
+    const zul::Response changed = original.create(404, zul::dataFromString("new"));
+    EXPECT_EQ(changed.statusCode, 404);
+    EXPECT_EQ(zul::stringFromData(changed.data), "new");
+    EXPECT_EQ(changed.response, http);
+    EXPECT_EQ(changed.request, request);
+    EXPECT_EQ(original.statusCode, 200);
+}
+
+TEST(NetworkRouterErrorTest, CasesCarryTheirPayloadsAndDescribeThemselves) {
+    EXPECT_EQ(NetworkRouterError::invalidEnvironment().kind(), NetworkRouterError::Kind::invalidEnvironment);
+    EXPECT_STREQ(NetworkRouterError::requestTimeOut().what(), "requestTimeOut");
+    EXPECT_EQ(NetworkRouterError::noInternetConnection().description(), "noInternetConnection");
+    EXPECT_EQ(NetworkRouterError::cancelled().params(), nullptr);
+    EXPECT_EQ(NetworkRouterError::cancelled().pluginName(), nullptr);
+
+    const auto byPlugin = NetworkRouterError::cancelledByPlugin("Auth");
+    ASSERT_NE(byPlugin.pluginName(), nullptr);
+    EXPECT_EQ(*byPlugin.pluginName(), "Auth");
+    EXPECT_EQ(byPlugin.description(), "cancelledByPlugin(name: Optional(\"Auth\"))");
+    EXPECT_EQ(NetworkRouterError::preventedByPlugin(std::nullopt).description(), "preventedByPlugin(name: nil)");
+
+    const auto encoding = NetworkRouterError::encoding(zul::AnyMap{{"a", 1}, {"b", "x"}});
+    ASSERT_NE(encoding.params(), nullptr);
+    EXPECT_EQ(encoding.params()->size(), 2u);
+    EXPECT_EQ(encoding.description(), "encoding(params: [\"a\": 1, \"b\": \"x\"])");
+
+    // An error value travels in AnyError and comes back out as itself.
+    zul::AnyError any = byPlugin;
+    ASSERT_TRUE(any.is<NetworkRouterError>());
+    EXPECT_EQ(any.as<NetworkRouterError>()->kind(), NetworkRouterError::Kind::cancelledByPlugin);
+}
+
+TEST(StubBehaviorTest, CasesAndDelay) {
+    EXPECT_EQ(zul::StubBehavior::delayed(1.5).kind(), zul::StubBehavior::Kind::delayed);
+    EXPECT_EQ(zul::StubBehavior::delayed(1.5).seconds(), 1.5);
+    EXPECT_EQ(zul::StubBehavior::never(), zul::StubBehavior::never());
+    EXPECT_NE(zul::StubBehavior::immediate(), zul::StubBehavior::never());
+    EXPECT_NE(zul::StubBehavior::delayed(1), zul::StubBehavior::delayed(2));
+}
+
+TEST(ResultOperationsTest, OptionalOrErrorTupleAndObservers) {
+    RouterResult present(std::optional<int>(4), NetworkRouterError::invalidUrl());
+    RouterResult absent(std::optional<int>(), NetworkRouterError::invalidUrl());
+    EXPECT_EQ(present.value(), 4);
+    EXPECT_EQ(absent.error().kind(), NetworkRouterError::Kind::invalidUrl);
+    EXPECT_EQ(present.optional(), 4);
+    EXPECT_FALSE(present.maybeError().has_value());
+    EXPECT_FALSE(absent.optional().has_value());
+
+    const auto [value, error] = zul::convertToTuple(absent);
+    EXPECT_FALSE(value.has_value());
+    ASSERT_TRUE(error.has_value());
+    EXPECT_EQ(error->kind(), NetworkRouterError::Kind::invalidUrl);
+
+    int seen = 0;
+    int failures = 0;
+    present.onSuccess([&](int v) { seen = v; }).onFail([&](const NetworkRouterError&) { ++failures; });
+    absent.onSuccess([&](int) { seen = -1; }).onFail([&](const NetworkRouterError&) { ++failures; });
+    EXPECT_EQ(seen, 4);
+    EXPECT_EQ(failures, 1);
+    EXPECT_TRUE(zul::Result<zul::Void>::succeeded().isSuccess());
+}
+
+TEST(ResultOperationsTest, ThrowingFlatMapAndCatchToResultCollectThrownErrors) {
+    const RouterResult four = zul::success(4);
+    const auto doubled = four.flatMap([](int v) { return v * 2; });
+    EXPECT_EQ(doubled.value(), 8);
+    const auto thrown = four.flatMap([](int) -> int { throw NetworkRouterError::delayed(); });
+    EXPECT_EQ(thrown.error().kind(), NetworkRouterError::Kind::delayed);
+    bool called = false;
+    const RouterResult failed = zul::failure(NetworkRouterError::cancelled());
+    EXPECT_EQ(failed.flatMap([&](int v) {
+                        called = true;
+                        return v;
+                    })
+                  .error()
+                  .kind(),
+              NetworkRouterError::Kind::cancelled);
+    EXPECT_FALSE(called);
+
+    // Any error fits an AnyError result.
+    const auto anything = zul::Result<int>::catchToResult([]() -> int { throw std::out_of_range("x"); });
+    EXPECT_TRUE(anything.error().is<std::out_of_range>());
+    EXPECT_EQ(zul::Result<int>::catchToResult([] { return 3; }).value(), 3);
+}
+
+TEST(ResultOperationsDeathTest, CatchToResultStopsOnAnErrorOfAnotherType) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH((void)RouterResult::catchToResult([]() -> int { throw std::runtime_error("disk full"); }),
+                 "Fatal error: catchToResult: the body threw \"disk full\", which is not of the result's error type");
+}
+
+}  // namespace

@@ -1,0 +1,186 @@
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "network/request_builder.hpp"
+#include "zul/network/service.hpp"
+
+namespace {
+
+using zul::AnyMap;
+using zul::BaseURLOptions;
+using zul::HeaderMap;
+using zul::NetworkRouterError;
+using zul::Task;
+using zul::URL;
+
+struct Host final : zul::NetworkEnvironment {
+    std::string name;
+    explicit Host(std::string n) : name(std::move(n)) {}
+    std::string host() const override { return name; }
+};
+
+// A service whose every member a test can set; unset members keep the library defaults.
+struct TestService final : zul::ServiceType {
+    BaseURLOptions base = BaseURLOptions::apiService();
+    std::string servicePath;
+    std::optional<zul::SchemaType> serviceSchema;
+    std::optional<zul::HTTPMethod> method;
+    std::optional<HeaderMap> serviceHeaders;
+    Task serviceTask = Task::request();
+
+    BaseURLOptions baseURL() const override { return base; }
+    std::string path() const override { return servicePath; }
+    zul::SchemaType schema() const override { return serviceSchema ? *serviceSchema : ServiceType::schema(); }
+    zul::HTTPMethod httpMethod() const override { return method ? *method : ServiceType::httpMethod(); }
+    std::optional<HeaderMap> headers() const override { return serviceHeaders; }
+    Task task() const override { return serviceTask; }
+};
+
+NetworkRouterError::Kind buildFailure(const zul::ServiceType& service, const zul::NetworkEnvironment* environment) {
+    try {
+        (void)zul::detail::buildRequest(service, environment, nullptr);
+    } catch (const NetworkRouterError& error) {
+        return error.kind();
+    }
+    ADD_FAILURE() << "the build succeeded";
+    return NetworkRouterError::Kind::unknownError;
+}
+
+TEST(RequestBuilderTest, BaseAddressFromACustomURLOrFromTheEnvironment) {
+    const Host host("api.example.com:8443");
+    TestService custom;
+    custom.base = BaseURLOptions::custom(*URL::fromString("https://cdn.example.com/v2"));
+    EXPECT_EQ(zul::detail::baseURL(custom, nullptr).absoluteString(), "https://cdn.example.com/v2");
+    EXPECT_EQ(zul::detail::baseURL(custom, &host).absoluteString(), "https://cdn.example.com/v2");
+
+    TestService api;
+    EXPECT_EQ(zul::detail::baseURL(api, &host).absoluteString(), "https://api.example.com:8443/");
+    EXPECT_EQ(buildFailure(api, nullptr), NetworkRouterError::Kind::invalidEnvironment);
+
+    const Host h("h");
+    api.serviceSchema = zul::SchemaType::custom("wss");
+    EXPECT_EQ(zul::detail::baseURL(api, &h).absoluteString(), "wss://h/");
+    api.serviceSchema = zul::SchemaType::http();
+    EXPECT_EQ(zul::detail::baseURL(api, &h).absoluteString(), "http://h/");
+
+    const Host broken("bad host name");
+    EXPECT_EQ(buildFailure(TestService{}, &broken), NetworkRouterError::Kind::invalidUrl);
+}
+
+TEST(RequestBuilderTest, PathMethodTimeOutAndDefaults) {
+    const Host host("h");
+    TestService service;
+    auto request = zul::detail::buildRequest(service, &host, nullptr);
+    EXPECT_EQ(request.url()->absoluteString(), "https://h/");  // an empty path keeps the "/"
+    EXPECT_EQ(request.httpMethod(), "GET");
+    EXPECT_EQ(request.timeoutInterval(), 15.0);
+    EXPECT_EQ(request.cachePolicy(), zul::URLRequestCachePolicy::useProtocolCachePolicy);
+    EXPECT_TRUE(request.allHTTPHeaderFields().empty());
+    EXPECT_FALSE(request.httpBody().has_value());
+    EXPECT_EQ(service.responseFormat(), zul::ResponseFormat::json);
+    EXPECT_TRUE(service.shouldPropagateErrorAfterCancelling());
+    EXPECT_FALSE(service.keepSuspended());
+    EXPECT_FALSE(service.sampleResponse().has_value());
+    EXPECT_EQ(service.schema().description(), "https");
+
+    service.servicePath = "v1/movies list";
+    service.method = zul::HTTPMethod::delete_;
+    request = zul::detail::buildRequest(service, &host, nullptr);
+    EXPECT_EQ(request.url()->absoluteString(), "https://h/v1/movies%20list");
+    EXPECT_EQ(request.httpMethod(), "DELETE");
+
+    const std::pair<zul::HTTPMethod, const char*> tokens[] = {
+        {zul::HTTPMethod::get, "GET"},         {zul::HTTPMethod::post, "POST"},     {zul::HTTPMethod::put, "PUT"},
+        {zul::HTTPMethod::patch, "PATCH"},     {zul::HTTPMethod::options, "OPTIONS"}, {zul::HTTPMethod::delete_, "DELETE"},
+        {zul::HTTPMethod::head, "HEAD"},       {zul::HTTPMethod::trace, "TRACE"}};
+    for (const auto& [method, token] : tokens) EXPECT_EQ(zul::description(method), token);
+}
+
+TEST(RequestBuilderTest, DataServiceMembers) {
+    const URL url = *URL::fromString("https://h/file?x=1");
+    const auto get = zul::DataService::get(url, zul::NetworkRequestParameters{std::nullopt});
+    auto request = zul::detail::buildRequest(get, nullptr, nullptr);
+    EXPECT_EQ(request.url()->absoluteString(), "https://h/file?x=1");
+    EXPECT_EQ(request.timeoutInterval(), 15.0);
+    EXPECT_EQ(request.httpMethod(), "GET");
+    EXPECT_EQ(get.responseFormat(), zul::ResponseFormat::rawData);
+    EXPECT_TRUE(std::holds_alternative<Task::Request>(get.task().value()));
+
+    const auto post = zul::DataService::post(url, zul::dataFromString("body"), zul::NetworkRequestParameters{2.5},
+                                             HeaderMap{{"X-Trace", "7"}});
+    request = zul::detail::buildRequest(post, nullptr, nullptr);
+    EXPECT_EQ(request.timeoutInterval(), 2.5);
+    EXPECT_EQ(request.httpMethod(), "POST");
+    EXPECT_EQ(zul::stringFromData(*request.httpBody()), "body");
+    EXPECT_EQ(request.value("x-trace"), "7");
+    // Posting runs the URL encoder with no parameters: the existing query is dropped, "?" stays.
+    EXPECT_EQ(request.url()->absoluteString(), "https://h/file?");
+    const Task postTask = post.task();
+    const auto* withData = std::get_if<Task::RequestWithData>(&postTask.value());
+    ASSERT_NE(withData, nullptr);
+    EXPECT_TRUE(withData->urlParameters.empty());
+}
+
+TEST(RequestBuilderTest, HeadersMergeServiceOverRouterAndApplyAfterTheEncoders) {
+    const Host host("h");
+    TestService service;
+    service.serviceTask = Task::requestParameters(AnyMap{{"a", 1}}, zul::ParameterEncoding::json);
+    service.serviceHeaders = HeaderMap{{"Content-Type", "application/vnd.api+json"}, {"X-Client", "service"}};
+    const HeaderMap router{{"X-Client", "router"}, {"X-Router", "yes"}};
+    const auto request = zul::detail::buildRequest(service, &host, &router);
+    EXPECT_EQ(request.value("Content-Type"), "application/vnd.api+json");  // beats the JSON encoder's
+    EXPECT_EQ(request.value("X-Client"), "service");                       // beats the router's
+    EXPECT_EQ(request.value("X-Router"), "yes");
+    EXPECT_EQ(request.allHTTPHeaderFields().size(), 3u);
+    EXPECT_EQ(zul::stringFromData(*request.httpBody()), "{\n  \"a\" : 1\n}");
+}
+
+TEST(RequestBuilderTest, TasksEncodeInTheirOrder) {
+    const Host host("h");
+    TestService service;
+    service.servicePath = "search";
+    service.serviceTask = Task::requestCompositeParameters(AnyMap{}, AnyMap{{"q", "a b"}});
+    auto request = zul::detail::buildRequest(service, &host, nullptr);
+    EXPECT_EQ(request.url()->absoluteString(), "https://h/search?q=a%20b");
+    EXPECT_EQ(zul::stringFromData(*request.httpBody()), "{\n\n}");
+    EXPECT_EQ(request.value("Content-Type"), "application/json");
+
+    service.serviceTask = Task::requestParameters(AnyMap{{"page", 2}}, zul::ParameterEncoding::query);
+    request = zul::detail::buildRequest(service, &host, nullptr);
+    EXPECT_EQ(request.url()->absoluteString(), "https://h/search?page=2");
+    EXPECT_FALSE(request.httpBody().has_value());
+
+    service.serviceTask = Task::requestWithData(std::nullopt, AnyMap{{"k", "v"}});
+    request = zul::detail::buildRequest(service, &host, nullptr);
+    EXPECT_FALSE(request.httpBody().has_value());
+    EXPECT_EQ(request.url()->absoluteString(), "https://h/search?k=v");
+
+    service.serviceTask = Task::custom([](zul::URLRequest& r) {
+        r.setHTTPMethod("PURGE");
+        r.setValue("1", "X-Custom");
+    });
+    request = zul::detail::buildRequest(service, &host, nullptr);
+    EXPECT_EQ(request.httpMethod(), "PURGE");
+    EXPECT_EQ(request.value("X-Custom"), "1");
+}
+
+TEST(RequestBuilderTest, TaskFailuresEndTheBuildUnchanged) {
+    const Host host("h");
+    TestService service;
+    service.serviceTask = Task::custom([](zul::URLRequest&) { throw std::invalid_argument("no token"); });
+    EXPECT_THROW((void)zul::detail::buildRequest(service, &host, nullptr), std::invalid_argument);
+
+    service.serviceTask =
+        Task::requestCompositeParameters(AnyMap{{"when", zul::Date{}}}, AnyMap{{"q", "x"}});
+    try {
+        (void)zul::detail::buildRequest(service, &host, nullptr);
+        FAIL() << "no error";
+    } catch (const NetworkRouterError& error) {
+        EXPECT_EQ(error.kind(), NetworkRouterError::Kind::encoding);
+        ASSERT_NE(error.params(), nullptr);
+        EXPECT_TRUE(error.params()->contains("when"));
+    }
+}
+
+}  // namespace

@@ -1,0 +1,202 @@
+#include <gtest/gtest.h>
+
+#include <iterator>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zul/platform/url.hpp"
+#include "zul/platform/url_components.hpp"
+#include "zul/platform/url_request.hpp"
+
+namespace {
+
+using namespace std::literals;
+using zul::URL;
+using zul::URLComponents;
+using zul::URLQueryItem;
+using Items = std::vector<URLQueryItem>;
+
+URL url(std::string_view text) {
+    auto parsed = URL::fromString(text);
+    EXPECT_TRUE(parsed.has_value()) << text;
+    return parsed.value_or(*URL::fromString("invalid://test/"));
+}
+
+std::string withQuery(std::string_view base, const std::optional<Items>& items) {
+    auto components = URLComponents::fromURL(url(base));
+    EXPECT_TRUE(components.has_value());
+    components->setQueryItems(items);
+    return components->url()->absoluteString();
+}
+
+TEST(URLTest, FromStringKeepsTheTextAndRejectsInvalidURLs) {
+    for (const char* text : {"https://h", "HTTPS://Ex.COM/A?B#C", "wss://h/", "file:///tmp/x", "https://h/%zz"}) {
+        const auto parsed = URL::fromString(text);
+        ASSERT_TRUE(parsed.has_value()) << text;
+        EXPECT_EQ(parsed->absoluteString(), text);
+    }
+    for (std::string_view text : {"", "h/x", "//h/x", "https://h x/", "https://h/a b", "https://h:99999/",
+                                  "https://h:abc/", "https://", "https://[zz]/", "1http://h/", "mailto:a@b",
+                                  "https:/h/x", "https:///x"}) {
+        EXPECT_FALSE(URL::fromString(text).has_value()) << text;
+    }
+    EXPECT_FALSE(URL::fromString("https://h/\0x"sv).has_value());
+    // The parser of the previous call must not serve as a base for text it reads as relative,
+    // such as a scheme longer than libcurl's 40 characters.
+    ASSERT_TRUE(URL::fromString("https://a/b").has_value());
+    EXPECT_FALSE(URL::fromString(std::string(41, 'a') + "://h/").has_value());
+}
+
+TEST(URLTest, ComponentsAreReadAsWritten) {
+    const URL full = url("https://u:p@[::1]:8080/x/y?q=1&r#frag?z");
+    EXPECT_EQ(full.scheme(), "https");
+    EXPECT_EQ(full.host(), "::1");
+    EXPECT_EQ(full.port(), 8080);
+    EXPECT_EQ(full.path(), "/x/y");
+    EXPECT_EQ(full.query(), "q=1&r");
+    EXPECT_EQ(full.fragment(), "frag?z");
+
+    const URL bare = url("HTTPS://User@Ex.COM:080");
+    EXPECT_EQ(bare.scheme(), "HTTPS");
+    EXPECT_EQ(bare.host(), "Ex.COM");
+    EXPECT_EQ(bare.port(), 80);
+    EXPECT_EQ(bare.path(), "");
+    EXPECT_FALSE(bare.query().has_value());
+    EXPECT_FALSE(bare.fragment().has_value());
+
+    EXPECT_EQ(url("https://h/?").query(), "");
+    EXPECT_EQ(url("https://h#a?b").path(), "");
+    EXPECT_FALSE(url("https://h#a?b").query().has_value());
+    EXPECT_EQ(url("https://h#a?b").fragment(), "a?b");
+    EXPECT_FALSE(url("https://h:/x").port().has_value());
+    EXPECT_EQ(url("file:///tmp/x").host(), "");
+    EXPECT_EQ(url("file:///tmp/x").path(), "/tmp/x");
+}
+
+TEST(URLTest, AppendingPathComponentPutsExactlyOneSlashBetween) {
+    struct Case {
+        std::string_view base, component, expected;
+    };
+    const Case cases[] = {
+        {"https://h/", "a", "https://h/a"},       {"https://h", "a", "https://h/a"},
+        {"https://h", "/a", "https://h/a"},       {"https://h/x", "y", "https://h/x/y"},
+        {"https://h/x/", "y", "https://h/x/y"},   {"https://h/x", "/y", "https://h/x/y"},
+        {"https://h/x/", "/y", "https://h/x/y"},  {"https://h/x", "a/b", "https://h/x/a/b"},
+        {"https://h/x", "y/", "https://h/x/y/"},  {"https://h/x", "", "https://h/x/"},
+        {"https://h/x", "//y", "https://h/x//y"}, {"https://h/x?q=1#f", "y", "https://h/x/y?q=1#f"},
+        {"https://h#f", "y", "https://h/y#f"},    {"file:///tmp", "a b", "file:///tmp/a%20b"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(url(c.base).appendingPathComponent(c.component).absoluteString(), c.expected)
+            << c.base << " + " << c.component;
+    }
+}
+
+TEST(URLTest, AppendingPathComponentEncodesOutsideThePathSet) {
+    const URL base = url("https://h/x?q=1#f");
+    const URL plain = base.appendingPathComponent("AZaz09!$&'()*+,-.:;=@_~");
+    EXPECT_EQ(plain.absoluteString(), "https://h/x/AZaz09!$&'()*+,-.:;=@_~?q=1#f");
+    const URL encoded = base.appendingPathComponent("a b?#%\"<>[\\]^`{|}\x01\x7f" "é");
+    EXPECT_EQ(encoded.absoluteString(),
+              "https://h/x/a%20b%3F%23%25%22%3C%3E%5B%5C%5D%5E%60%7B%7C%7D%01%7F%C3%A9?q=1#f");
+    // The parts after the path moved with it, and the result is a URL the parser takes as it is.
+    EXPECT_EQ(encoded.path(), "/x/a%20b%3F%23%25%22%3C%3E%5B%5C%5D%5E%60%7B%7C%7D%01%7F%C3%A9");
+    EXPECT_EQ(encoded.query(), "q=1");
+    EXPECT_EQ(encoded.fragment(), "f");
+    EXPECT_EQ(URL::fromString(encoded.absoluteString()), encoded);
+    EXPECT_EQ(url("https://h/a%20b").appendingPathComponent("%20").absoluteString(), "https://h/a%20b/%2520");
+}
+
+TEST(URLComponentsTest, SetQueryItemsEncodesNamesAndValuesAlike) {
+    EXPECT_EQ(withQuery("https://h/x?old=1#frag", Items{{"q", "star wars"}, {"a&b", "c=d"}, {"flag", std::nullopt},
+                                                        {"empty", ""}, {"#%+", "#%+"}}),
+              "https://h/x?q=star%20wars&a%26b=c%3Dd&flag&empty=&%23%25+=%23%25+#frag");
+    EXPECT_EQ(withQuery("https://h", Items{{"-._~!$'()*+,;:@/?", "\"<>[\\]^`{|}"}, {"é", "\t\x7f"}}),
+              "https://h?-._~!$'()*+,;:@/?=%22%3C%3E%5B%5C%5D%5E%60%7B%7C%7D&%C3%A9=%09%7F");
+    EXPECT_EQ(withQuery("https://h/x?a=1#f", Items{}), "https://h/x?#f");
+    EXPECT_EQ(withQuery("https://h/x?a=1#f", std::nullopt), "https://h/x#f");
+    EXPECT_EQ(withQuery("https://h/x?a=1", std::nullopt), "https://h/x");
+
+    auto components = URLComponents::fromURL(url("https://h/x?a#f"));
+    ASSERT_TRUE(components.has_value());
+    EXPECT_EQ(components->percentEncodedQuery(), "a");
+    components->setQueryItems(Items{{"k", "v w"}});
+    EXPECT_EQ(components->percentEncodedQuery(), "k=v%20w");
+    const URL made = *components->url();
+    EXPECT_EQ(made.query(), "k=v%20w");
+    EXPECT_EQ(made.fragment(), "f");
+    EXPECT_EQ(made.path(), "/x");
+}
+
+TEST(URLComponentsTest, QueryItemsSplitAndDecode) {
+    EXPECT_FALSE(URLComponents::fromURL(url("https://h/x#a=b"))->queryItems().has_value());
+    EXPECT_EQ(URLComponents::fromURL(url("https://h/x?"))->queryItems(), Items{});
+    EXPECT_EQ(URLComponents::fromURL(url("https://h/?a=1&b&c=&d=x=y&&e=%41+%2b%zz%4#f=g"))->queryItems(),
+              (Items{{"a", "1"}, {"b", std::nullopt}, {"c", ""}, {"d", "x=y"}, {"", std::nullopt}, {"e", "A++%zz%4"}}));
+}
+
+TEST(URLComponentsTest, EverySetListReadsBackTheSame) {
+    const Items lists[] = {
+        {{"q", "star wars"}, {"page", "2"}},
+        {{"", ""}, {"a", std::nullopt}, {"", std::nullopt}, {"=", "&"}},
+        {{"%41", "%"}, {"+", " + "}, {"#", "?#/"}, {"x", "="}},
+        {{"ключ", "значение"}, {"emoji", "\xF0\x9F\x8E\xAC"}, {"\"<>`{}", "[\\]^|"}},
+    };
+    for (const Items& items : lists) {
+        auto components = URLComponents::fromURL(url("https://h/x?old#f"));
+        components->setQueryItems(items);
+        EXPECT_EQ(components->queryItems(), items);
+        const auto reparsed = URL::fromString(components->url()->absoluteString());
+        ASSERT_TRUE(reparsed.has_value()) << components->url()->absoluteString();
+        EXPECT_EQ(URLComponents::fromURL(*reparsed)->queryItems(), items);
+    }
+}
+
+TEST(HTTPHeadersTest, SetReplacesInPlaceAndAbsentRemoves) {
+    zul::HTTPHeaders headers;
+    headers.setValue("text/html", "Accept");
+    headers.setValue("abc", "X-Token");
+    headers.setValue("application/json", "ACCEPT");
+    EXPECT_EQ(headers.size(), 2u);
+    EXPECT_EQ(headers.begin()->first, "Accept");
+    EXPECT_EQ(headers.begin()->second, "application/json");
+    EXPECT_EQ(headers.value("accept"), "application/json");
+    headers.setValue(std::nullopt, "x-TOKEN");
+    headers.setValue(std::nullopt, "Missing");
+    EXPECT_EQ(headers.size(), 1u);
+    EXPECT_FALSE(headers.value("X-Token").has_value());
+
+    headers.addValue("gzip", "Accept-Encoding");
+    headers.addValue("br", "accept-encoding");
+    EXPECT_EQ(headers.value("ACCEPT-ENCODING"), "gzip,br");
+    EXPECT_EQ(std::prev(headers.end())->first, "Accept-Encoding");
+
+    const zul::HTTPHeaders listed{{"A", "1"}, {"B", "2"}, {"a", "3"}};
+    EXPECT_EQ(listed.size(), 2u);
+    EXPECT_EQ(listed.begin()->first, "A");
+    EXPECT_EQ(listed.value("A"), "3");
+}
+
+TEST(HTTPHeadersTest, EqualityIgnoresNameCaseAndOrderButNotValues) {
+    const zul::HTTPHeaders a{{"Accept", "x"}, {"X-Id", "1"}};
+    EXPECT_EQ(a, (zul::HTTPHeaders{{"x-id", "1"}, {"ACCEPT", "x"}}));
+    EXPECT_NE(a, (zul::HTTPHeaders{{"Accept", "X"}, {"X-Id", "1"}}));
+    EXPECT_NE(a, (zul::HTTPHeaders{{"Accept", "x"}}));
+    EXPECT_NE(a, (zul::HTTPHeaders{{"Accept", "x"}, {"X-Id", "1"}, {"Y", ""}}));
+    EXPECT_NE(a, (zul::HTTPHeaders{{"Accept", "x"}, {"X-Ie", "1"}}));
+}
+
+TEST(URLRequestTest, DefaultsAndHeaderFields) {
+    zul::URLRequest request(url("https://h/v1"));
+    EXPECT_EQ(request.httpMethod(), "GET");
+    EXPECT_EQ(request.timeoutInterval(), 60.0);
+    request.setValue("application/json", "Content-Type");
+    request.addValue("text/plain", "content-type");
+    EXPECT_EQ(request.value("CONTENT-TYPE"), "application/json,text/plain");
+    zul::URLRequest same(url("https://h/v1"));
+    same.setValue("application/json,text/plain", "content-TYPE");
+    EXPECT_EQ(request, same);
+}
+
+}  // namespace
