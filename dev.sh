@@ -10,7 +10,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(cmake ninja-build g++ pkg-config libasio-dev libcurl4-openssl-dev libgtest-dev libgmock-dev googletest libbenchmark-dev)
+PACKAGES=(cmake ninja-build g++ pkg-config libasio-dev libcurl4-openssl-dev libsimdjson-dev libhowardhinnant-date-dev nlohmann-json3-dev libgtest-dev libgmock-dev googletest libbenchmark-dev)
 JOBS=$(nproc 2>/dev/null || echo 2)
 
 log() { printf '\n== %s\n' "$*"; }

@@ -21,7 +21,7 @@ install(FILES ${PROJECT_BINARY_DIR}/ZulFoundationConfig.cmake
 
 # pkg-config: a static build lists its private link needs so that `pkg-config --static` works.
 set(ZUL_PC_LIBS_PRIVATE "-pthread")
-set(ZUL_PC_REQUIRES_PRIVATE "libcurl")
+set(ZUL_PC_REQUIRES_PRIVATE "libcurl simdjson")
 configure_file(cmake/zulfoundation.pc.in ${PROJECT_BINARY_DIR}/zulfoundation.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zulfoundation.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 

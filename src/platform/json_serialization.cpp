@@ -8,32 +8,16 @@
 #include <string_view>
 #include <type_traits>
 
-#include "platform/number_format.hpp"
+#include "platform/json_text.hpp"
 
 namespace zul {
 
 namespace {
 
-// How many bytes each byte of text grows by when written: 1 for the two-character escapes
-// (\" \\ \/ \b \f \n \r \t), 5 for the other control characters (\u00xx), 0 for everything
-// else, non-ASCII bytes included (written as raw UTF-8).
-constexpr std::array<std::uint8_t, 256> escapeGrowth = [] {
-    std::array<std::uint8_t, 256> table{};
-    for (std::size_t c = 0; c < 0x20; ++c) table[c] = 5;
-    for (const char c : {'"', '\\', '/', '\b', '\f', '\n', '\r', '\t'}) table[static_cast<unsigned char>(c)] = 1;
-    return table;
-}();
-
 // Upper bounds of a written number.
 constexpr std::size_t integerCapacity = 20;  // "-9223372036854775808", "18446744073709551615"
 constexpr std::size_t doubleCapacity = 24;   // "-1.2345678901234567e-308"
 constexpr std::size_t floatCapacity = 15;    // "-1.2345678e-38"
-
-std::size_t writtenTextSize(std::string_view text) noexcept {
-    std::size_t size = text.size() + 2;
-    for (const char c : text) size += escapeGrowth[static_cast<unsigned char>(c)];
-    return size;
-}
 
 // Checks that JSON can hold `value` and returns how many bytes writing it takes at most. The
 // writer relies on this bound: it writes into that much room without checking, so every count
@@ -47,7 +31,7 @@ std::size_t measureMap(const AnyMap& map, std::size_t depth, bool pretty) {
     if (pretty) size += 2 + 2 * depth + map.size() * (2 * (depth + 1) + 2 + 3);
     else size += map.size() * 2;
     for (const auto& [key, element] : map) {
-        size += writtenTextSize(key) + measure(element, depth + 1, pretty);
+        size += detail::jsonTextSize(key) + measure(element, depth + 1, pretty);
     }
     return size;
 }
@@ -65,7 +49,7 @@ std::size_t measure(const AnyValue& value, std::size_t depth, bool pretty) {
         case Kind::float_:
             if (!std::isfinite(*value.asFloat())) throw JSONSerializationError();
             return floatCapacity;
-        case Kind::string: return writtenTextSize(*value.asString());
+        case Kind::string: return detail::jsonTextSize(*value.asString());
         case Kind::list: {
             const AnyList& list = *value.asList();
             // Brackets; pretty: the line breaks after the opening and before the closing one,
@@ -136,40 +120,11 @@ private:
     // the double nearest to it.
     template <class F>
     void number(F value) noexcept {
-        char buffer[detail::generalRenderingCapacity];
-        char* end = detail::writeGeneral(buffer, value);
-        if (end - buffer >= 2 && end[-2] == '.' && end[-1] == '0') end -= 2;
-        raw(buffer, static_cast<std::size_t>(end - buffer));
+        char buffer[detail::jsonNumberCapacity];
+        raw(buffer, static_cast<std::size_t>(detail::writeJSONNumber(buffer, value) - buffer));
     }
 
-    void text(std::string_view text) noexcept {
-        static constexpr char hex[] = "0123456789abcdef";
-        byte('"');
-        const char* run = text.data();
-        const char* const end = text.data() + text.size();
-        for (const char* p = run; p != end; ++p) {
-            const auto c = static_cast<unsigned char>(*p);
-            if (escapeGrowth[c] == 0) continue;
-            raw(run, static_cast<std::size_t>(p - run));
-            run = p + 1;
-            switch (c) {
-                case '"': raw("\\\""); break;
-                case '\\': raw("\\\\"); break;
-                case '/': raw("\\/"); break;
-                case '\b': raw("\\b"); break;
-                case '\f': raw("\\f"); break;
-                case '\n': raw("\\n"); break;
-                case '\r': raw("\\r"); break;
-                case '\t': raw("\\t"); break;
-                default: {
-                    const char unicode[] = {'\\', 'u', '0', '0', hex[c >> 4], hex[c & 0xF]};
-                    raw(unicode, sizeof unicode);
-                }
-            }
-        }
-        raw(run, static_cast<std::size_t>(end - run));
-        byte('"');
-    }
+    void text(std::string_view text) noexcept { cursor_ = detail::writeJSONText(cursor_, text); }
 
     void indent(std::size_t depth) noexcept {
         std::memset(cursor_, ' ', 2 * depth);

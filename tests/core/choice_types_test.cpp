@@ -1,0 +1,216 @@
+#include <gtest/gtest.h>
+
+#include <any>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <new>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "zul/core/json_decoder.hpp"
+#include "zul/core/result.hpp"
+
+namespace {
+
+using zul::Answer;
+using zul::DecodingError;
+using zul::Either;
+using zul::MaybeDecodable;
+using IdOrName = Either<long, std::string>;
+using namespace std::string_view_literals;
+
+// The accessors that answer, by name, so a wrong extra or missing one shows in the failure.
+std::string present(const Answer& a) {
+    std::string names;
+    if (a.maybeString()) names += "string ";
+    if (a.maybeDouble()) names += "double ";
+    if (a.maybeFloat()) names += "float ";
+    if (a.maybeInt()) names += "int ";
+    if (a.maybeUInt()) names += "uint ";
+    if (a.maybeBool()) names += "bool ";
+    if (a.maybeDictionary()) names += "dictionary ";
+    return names;
+}
+
+template <class T>
+DecodingError decodingError(std::string_view json) {
+    try {
+        (void)zul::JSONDecoder().decode<T>(json);
+    } catch (const DecodingError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "no error for " << json;
+    return DecodingError::dataCorrupted({});
+}
+
+struct NeedsA {
+    long a = 0;
+    static NeedsA decode(const zul::Decoder& d) { return {d.container().decode<long>("a"sv)}; }
+};
+struct NeedsB {
+    long b = 0;
+    static NeedsB decode(const zul::Decoder& d) { return {d.container().decode<long>("b"sv)}; }
+};
+struct Holder {
+    IdOrName id;
+    static Holder decode(const zul::Decoder& d) { return {d.container().decode<IdOrName>("id"sv)}; }
+};
+template <class E>
+struct Throws {
+    static Throws decode(const zul::Decoder&) { throw E("boom"); }
+};
+struct OutOfMemory {
+    static OutOfMemory decode(const zul::Decoder&) { throw std::bad_alloc(); }
+};
+
+TEST(AnswerTest, EachCaseAnswersOnlyItsOwnAccessorInTagOrder) {
+    const Answer::Dictionary map{{"k", 1}};
+    const std::vector<std::pair<Answer, std::string>> cases{
+        {Answer("abc"), "string "},       {Answer(2.5), "double "},     {Answer(2.5f), "float "},
+        {Answer(-7), "int "},             {Answer(7u), "uint "},        {Answer(false), "bool "},
+        {Answer(map), "dictionary "},     {Answer::none(), ""},
+    };
+    for (std::size_t tag = 0; tag < cases.size(); ++tag) {
+        EXPECT_EQ(static_cast<std::size_t>(cases[tag].first.kind()), tag);
+        EXPECT_EQ(present(cases[tag].first), cases[tag].second) << "tag " << tag;
+    }
+    EXPECT_EQ(present(Answer(5)), "int ");  // no widening into maybeDouble
+    EXPECT_EQ(present(Answer(std::string_view(""))), "string ");
+    EXPECT_EQ(*Answer("").maybeString(), "");
+    EXPECT_EQ(*Answer(false).maybeBool(), false);
+    EXPECT_EQ(*Answer(2.5f).maybeFloat(), 2.5f);
+    EXPECT_EQ(*Answer(std::int8_t{-3}).maybeInt(), -3);
+    EXPECT_EQ(*Answer(std::numeric_limits<std::uint64_t>::max()).maybeUInt(), std::numeric_limits<std::uint64_t>::max());
+    EXPECT_EQ(Answer(map).maybeDictionary()->at(0).second, zul::AnyValue(1));
+}
+
+TEST(AnswerTest, DescriptionPerCase) {
+    EXPECT_EQ(Answer("a b").description(), "a b");
+    for (const Answer& number : {Answer(2.5), Answer(0.0), Answer(std::nan("")), Answer(1.5f), Answer(-3.0f)}) {
+        EXPECT_EQ(number.description(), ".");
+    }
+    EXPECT_EQ(Answer(-7).description(), "-7");
+    EXPECT_EQ(Answer(std::numeric_limits<std::uint64_t>::max()).description(), "18446744073709551615");
+    EXPECT_EQ(Answer(true).description(), "true");
+    EXPECT_EQ(Answer(false).description(), "false");
+    EXPECT_EQ(Answer::none().description(), "");
+}
+
+TEST(AnswerTest, DictionaryDescriptionQuotesEachValuesPlainText) {
+    EXPECT_EQ(Answer(Answer::Dictionary{}).description(), "[:]");
+    EXPECT_EQ(Answer(Answer::Dictionary{{"key", "text"}, {1, 5}}).description(), R"(["key": "text", 1: "5"])");
+    // Values go through their plain text first: the double keeps its digits, a list its own
+    // quotes (then escaped), a quote inside text is escaped once.
+    EXPECT_EQ(Answer(Answer::Dictionary{{true, 1.5}, {"l", zul::AnyList{1, "a"}}, {"q", "say \"hi\""}}).description(),
+              R"([true: "1.5", "l": "[1, \"a\"]", "q": "say \"hi\""])");
+}
+
+TEST(AnswerTest, EqualityRules) {
+    const Answer dictionary(Answer::Dictionary{{"a", 1}});
+    EXPECT_FALSE(dictionary == dictionary);
+    EXPECT_FALSE(Answer(Answer::Dictionary{}) == Answer(Answer::Dictionary{}));
+    EXPECT_EQ(Answer::none(), Answer::none());
+    EXPECT_NE(Answer(""), Answer::none());
+    EXPECT_EQ(Answer("x"), Answer(std::string("x")));
+    EXPECT_NE(Answer(std::nan("")), Answer(std::nan("")));
+    EXPECT_EQ(Answer(0.0), Answer(-0.0));
+    EXPECT_EQ(Answer(-0.0f), Answer(0.0f));
+    EXPECT_NE(Answer(1), Answer(1.0));
+    EXPECT_NE(Answer(1.0), Answer(1.0f));
+    EXPECT_NE(Answer(1), Answer(1u));
+    EXPECT_NE(Answer(1), Answer(true));
+    EXPECT_EQ(Answer(std::int16_t{4}), Answer(4L));
+    EXPECT_NE(Answer(true), Answer(false));
+}
+
+TEST(EitherTest, DecodesTheFirstTypeThatFits) {
+    const auto id = zul::JSONDecoder().decode<IdOrName>("12");
+    ASSERT_TRUE(id.isFirst());
+    EXPECT_EQ(*id.first(), 12);
+    EXPECT_EQ(std::any_cast<long>(id.unwrap()), 12);
+    const auto name = zul::JSONDecoder().decode<IdOrName>(R"("abc")");
+    ASSERT_TRUE(name.isSecond());
+    EXPECT_EQ(std::any_cast<std::string>(name.unwrap()), "abc");
+    EXPECT_EQ(name, IdOrName::secondType("abc"));
+
+    EXPECT_TRUE((zul::JSONDecoder().decode<Either<double, long>>("3").isFirst()));
+    EXPECT_TRUE((zul::JSONDecoder().decode<Either<long, double>>("2.5").isSecond()));
+    EXPECT_TRUE((zul::JSONDecoder().decode<Either<std::string, std::string>>(R"("x")").isFirst()));
+    // The first type's failure part-way through a record leaves nothing behind for the second.
+    EXPECT_EQ((zul::JSONDecoder().decode<Either<NeedsA, NeedsB>>(R"({"b": 4})").second()->b), 4);
+}
+
+TEST(EitherTest, NeitherTypeIsDataCorruptedAtTheDecodersPath) {
+    const DecodingError top = decodingError<IdOrName>("true");
+    EXPECT_EQ(top.kind(), DecodingError::Kind::dataCorrupted);
+    EXPECT_EQ(top.debugDescription(), "Cannot decode Int or String");
+    EXPECT_TRUE(top.codingPath().empty());
+    EXPECT_FALSE(top.context().underlyingError.has_value());
+
+    const DecodingError nested = decodingError<Holder>(R"({"id": null})");
+    EXPECT_EQ(nested.debugDescription(), "Cannot decode Int or String");
+    EXPECT_EQ(nested.codingPath(), zul::CodingPath{zul::CodingKey("id")});
+    const DecodingError element = decodingError<std::vector<IdOrName>>(R"([1, "a", []])");
+    ASSERT_EQ(element.codingPath().size(), 1u);
+    EXPECT_EQ(element.codingPath()[0].intValue, 2);
+
+    EXPECT_EQ((decodingError<Either<int, bool>>("1.5").debugDescription()), "Cannot decode Int32 or Bool");
+    EXPECT_EQ((decodingError<Either<NeedsA, std::vector<long>>>("1").debugDescription()),
+              "Cannot decode NeedsA or Array<Int>");
+}
+
+TEST(EitherTest, MapCallsOnlyTheTransformForTheCaseHeld) {
+    int firstCalls = 0;
+    int secondCalls = 0;
+    auto describe = [&](const IdOrName& value) {
+        return value.map([&](long n) { ++firstCalls; return "id " + std::to_string(n); },
+                         [&](const std::string& s) { ++secondCalls; return "name " + s; });
+    };
+    EXPECT_EQ(describe(IdOrName::firstType(3)), "id 3");
+    EXPECT_EQ(firstCalls, 1);
+    EXPECT_EQ(secondCalls, 0);
+    EXPECT_EQ(describe(IdOrName::secondType("x")), "name x");
+    EXPECT_EQ(firstCalls, 1);
+    EXPECT_EQ(secondCalls, 1);
+}
+
+TEST(MaybeDecodableTest, AbsentInsteadOfAnError) {
+    const zul::JSONDecoder decoder;
+    EXPECT_FALSE(decoder.decode<MaybeDecodable<long>>(R"("abc")").decoded.has_value());
+    EXPECT_EQ(decoder.decode<MaybeDecodable<long>>("5").decoded, 5L);
+    EXPECT_FALSE(decoder.decode<MaybeDecodable<long>>("null").decoded.has_value());
+    EXPECT_FALSE(decoder.decode<MaybeDecodable<long>>("1.5").decoded.has_value());
+    const auto list = decoder.decode<std::vector<MaybeDecodable<long>>>(R"([1, "x", 3])");
+    ASSERT_EQ(list.size(), 3u);
+    EXPECT_EQ(list[0].decoded, 1L);
+    EXPECT_FALSE(list[1].decoded.has_value());
+    EXPECT_EQ(list[2].decoded, 3L);
+}
+
+TEST(MaybeDecodableTest, DropsAnyErrorButRunningOutOfMemory) {
+    const zul::JSONDecoder decoder;
+    EXPECT_FALSE(decoder.decode<MaybeDecodable<Throws<std::runtime_error>>>("{}").decoded.has_value());
+    EXPECT_THROW((void)decoder.decode<MaybeDecodable<OutOfMemory>>("{}"), std::bad_alloc);
+    using OutOfMemoryOrInt = Either<OutOfMemory, long>;
+    EXPECT_THROW((void)decoder.decode<OutOfMemoryOrInt>("1"), std::bad_alloc);
+}
+
+static_assert(zul::AnyOptional<std::optional<int>> && zul::AnyOptional<const std::optional<std::string>&>);
+static_assert(!zul::AnyOptional<int> && !zul::AnyOptional<std::vector<int>>);
+static_assert(zul::AnySequence<std::vector<int>> && zul::AnySequence<std::map<std::string, int>> &&
+              zul::AnySequence<zul::OrderedMap<double>>);
+static_assert(!zul::AnySequence<std::string> && !zul::AnySequence<std::map<int, int>> &&
+              !zul::AnySequence<std::optional<std::vector<int>>>);
+
+TEST(AnyOptionalTest, MakeEmptyGivesAbsentAndEmptyCollections) {
+    EXPECT_FALSE(zul::makeEmpty<std::optional<int>>().has_value());
+    EXPECT_TRUE(zul::makeEmpty<std::vector<std::string>>().empty());
+    EXPECT_TRUE((zul::makeEmpty<std::map<std::string, int>>().empty()));
+    EXPECT_TRUE(zul::makeEmpty<zul::OrderedMap<long>>().empty());
+}
+
+}  // namespace

@@ -1,0 +1,255 @@
+#include <gtest/gtest.h>
+
+#include <any>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "zul/core/codable.hpp"
+#include "zul/core/json_decoder.hpp"
+#include "zul/core/json_encoder.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using zul::EncodingError;
+using zul::JSONDecoder;
+using zul::JSONEncoder;
+
+struct Person {
+    std::string name;
+    std::optional<int> age;
+    ZUL_CODABLE(Person, name, age)
+    friend bool operator==(const Person&, const Person&) = default;
+};
+
+struct Movie {
+    std::string title;
+    std::vector<Person> cast;
+    std::map<std::string, double> ratings;
+    std::optional<Person> director;
+    zul::Date released;
+    zul::Data poster;
+    std::vector<std::optional<long>> slots;
+    unsigned long long views = 0;
+    float score = 0;
+    bool available = false;
+    ZUL_CODABLE(Movie, title, cast, ratings, director, released, poster, slots, views, score, available)
+    friend bool operator==(const Movie&, const Movie&) = default;
+};
+
+std::string text(const JSONEncoder& encoder, const auto& value) { return zul::stringFromData(encoder.encode(value)); }
+std::string text(const auto& value) { return text(JSONEncoder(), value); }
+
+template <class F>
+EncodingError failure(F&& encode) {
+    try {
+        encode();
+    } catch (const EncodingError& error) {
+        return error;
+    }
+    throw std::logic_error("the encode did not fail");
+}
+
+Movie sampleMovie() {
+    Movie movie;
+    movie.title = "Heat / \"95\"";
+    movie.cast = {{"Al", 55}, {"Bob\nby", std::nullopt}};
+    movie.ratings = {{"imdb", 8.3}, {"critics", 0.1}};
+    movie.director = Person{"M", 52};
+    movie.released = zul::Date(std::chrono::sys_days(std::chrono::year(1995) / 12 / 15)) + 12h + 250ms;
+    movie.poster = {0, 1, 2, 253, 254, 255, 42};
+    movie.slots = {1, std::nullopt, std::numeric_limits<long>::min()};
+    movie.views = std::numeric_limits<unsigned long long>::max();
+    movie.score = 0.1F;
+    movie.available = true;
+    return movie;
+}
+
+TEST(JSONEncoderScalars, ExactIntegersShortestNumbersAndEscapedText) {
+    EXPECT_EQ(text(std::numeric_limits<long>::min()), "-9223372036854775808");
+    EXPECT_EQ(text(std::numeric_limits<unsigned long long>::max()), "18446744073709551615");
+    EXPECT_EQ(text(static_cast<signed char>(-5)), "-5");
+    EXPECT_EQ(text(1.0), "1");
+    EXPECT_EQ(text(-0.0), "-0");
+    EXPECT_EQ(text(0.1), "0.1");
+    EXPECT_EQ(text(1e16), "1e+16");
+    EXPECT_EQ(text(0.1F), "0.1");
+    EXPECT_EQ(text(true), "true");
+    EXPECT_EQ(text(std::optional<int>()), "null");
+    EXPECT_EQ(text(std::string("a/b\"c\\\n\t\x01\xC3\xA9")), "\"a\\/b\\\"c\\\\\\n\\t\\u0001\xC3\xA9\"");
+    EXPECT_EQ(text(std::vector<int>{}), "[]");
+    EXPECT_EQ(text(std::map<std::string, int>{}), "{}");
+}
+
+TEST(JSONEncoderScalars, NonFiniteNumbersAreInvalidValuesAtTheirPath) {
+    struct Reading {
+        std::vector<double> samples;
+        ZUL_CODABLE(Reading, samples)
+    };
+    const auto infinity = failure([] { JSONEncoder().encode(Reading{{1.0, std::numeric_limits<double>::infinity()}}); });
+    EXPECT_EQ(infinity.value(), "inf");
+    EXPECT_EQ(infinity.debugDescription(), "Unable to encode Double.infinity directly in JSON.");
+    ASSERT_EQ(infinity.codingPath().size(), 2U);
+    EXPECT_EQ(infinity.codingPath()[0].stringValue, "samples");
+    EXPECT_EQ(infinity.codingPath()[1].stringValue, "Index 1");
+    EXPECT_EQ(infinity.codingPath()[1].intValue, 1);
+    EXPECT_EQ(infinity.codingPath()[1].typeName, "_JSONKey");
+
+    const auto negative = failure([] { JSONEncoder().encode(-std::numeric_limits<double>::infinity()); });
+    EXPECT_EQ(negative.value(), "-inf");
+    EXPECT_EQ(negative.debugDescription(), "Unable to encode -Double.infinity directly in JSON.");
+    EXPECT_TRUE(negative.codingPath().empty());
+    const auto nan = failure([] { JSONEncoder().encode(std::nan("")); });
+    EXPECT_EQ(nan.value(), "nan");
+    EXPECT_EQ(nan.debugDescription(), "Unable to encode Double.nan directly in JSON.");
+    EXPECT_EQ(failure([] { JSONEncoder().encode(std::numeric_limits<float>::infinity()); }).debugDescription(),
+              "Unable to encode Float.infinity directly in JSON.");
+    EXPECT_EQ(failure([] { JSONEncoder().encode(-std::numeric_limits<float>::infinity()); }).debugDescription(),
+              "Unable to encode -Float.infinity directly in JSON.");
+    EXPECT_EQ(failure([] { JSONEncoder().encode(std::numeric_limits<float>::quiet_NaN()); }).debugDescription(),
+              "Unable to encode Float.nan directly in JSON.");
+}
+
+TEST(JSONEncoderFormatting, KeyOrderSortingAndPrettyPrinting) {
+    const Person person{"Ann", 30};
+    EXPECT_EQ(text(person), R"({"name":"Ann","age":30})");
+    EXPECT_EQ(text(Person{"Ann", std::nullopt}), R"({"name":"Ann"})");
+
+    JSONEncoder sorted;
+    sorted.outputFormatting.sortedKeys = true;
+    EXPECT_EQ(text(sorted, person), R"({"age":30,"name":"Ann"})");
+    EXPECT_EQ(text(sorted, std::vector<zul::OrderedMap<int>>{{{"b", 1}, {"B", 2}, {"a", 3}, {"ab", 4}}}),
+              R"([{"B":2,"a":3,"ab":4,"b":1}])");
+    EXPECT_EQ(text(std::vector<zul::OrderedMap<int>>{{{"b", 1}, {"B", 2}, {"a", 3}}}), R"([{"b":1,"B":2,"a":3}])");
+
+    JSONEncoder pretty;
+    pretty.outputFormatting.prettyPrinted = true;
+    EXPECT_EQ(text(pretty, zul::OrderedMap<std::vector<int>>{{"list", {1, 2}}, {"none", {}}}),
+              "{\n  \"list\" : [\n    1,\n    2\n  ],\n  \"none\" : [\n\n  ]\n}");
+    EXPECT_EQ(text(pretty, std::map<std::string, int>{}), "{\n\n}");
+}
+
+TEST(JSONEncoderContainers, RevisitedSlotsAndKeysReuseWhatIsThere) {
+    struct Twice {
+        void encode(const zul::Encoder& encoder) const {
+            encoder.container().encode("a", 1);
+            encoder.container().encode("b", 2);
+            const auto fields = encoder.container();
+            fields.nestedContainer("inner").encode("x", 1);
+            fields.nestedContainer("inner").encode("y", 2);
+            fields.encode("a", std::string("again"));  // replaces in place
+            fields.encodeNil("gone");
+            auto list = fields.nestedUnkeyedContainer("list");
+            list.encode(1);
+            list.encodeNil();
+            list.nestedContainer().encode("k", true);
+            list.nestedUnkeyedContainer().encode(2);
+            EXPECT_EQ(list.count(), 4U);
+            fields.superEncoder("empty");
+        }
+    };
+    EXPECT_EQ(text(Twice{}), R"({"a":"again","b":2,"inner":{"x":1,"y":2},"gone":null,"list":[1,null,{"k":true},[2]],"empty":{}})");
+
+    // Many keys, past the point where lookups go through an index.
+    struct Wide {
+        void encode(const zul::Encoder& encoder) const {
+            const auto fields = encoder.container();
+            for (int i = 0; i < 40; ++i) fields.encode("k" + std::to_string(i), i);
+            for (int i = 0; i < 40; i += 13) fields.encode("k" + std::to_string(i), -i);
+        }
+    };
+    const auto wide = JSONDecoder().decode<std::map<std::string, int>>(text(Wide{}));
+    EXPECT_EQ(wide.size(), 40U);
+    EXPECT_EQ(wide.at("k26"), -26);
+    EXPECT_EQ(wide.at("k27"), 27);
+    EXPECT_EQ(text(Wide{}).find("\"k0\":0,"), 1U);
+}
+
+TEST(JSONEncoderStrategies, DatesAndBytes) {
+    const zul::Date date = zul::Date(std::chrono::sys_days(std::chrono::year(2019) / 3 / 4)) + 5h + 6min + 7s;
+    JSONEncoder encoder;
+    EXPECT_EQ(text(encoder, date), "573368767");
+    EXPECT_EQ(text(encoder, zul::Date(978307200s - 1500ms)), "-1.5");
+    encoder.dateEncodingStrategy = JSONEncoder::DateEncodingStrategy::secondsSince1970();
+    EXPECT_EQ(text(encoder, date + 250ms), "1551675967.25");
+    encoder.dateEncodingStrategy = JSONEncoder::DateEncodingStrategy::millisecondsSince1970();
+    EXPECT_EQ(text(encoder, date + 250ms), "1551675967250");
+    EXPECT_EQ(text(encoder, zul::Date(1500us)), "1.5");
+    encoder.dateEncodingStrategy = JSONEncoder::DateEncodingStrategy::iso8601();
+    EXPECT_EQ(text(encoder, date + 999ms), "\"2019-03-04T05:06:07Z\"");
+    encoder.dateEncodingStrategy = JSONEncoder::DateEncodingStrategy::custom(
+        [](zul::Date d, const zul::Encoder& e) { e.container().encode("year", static_cast<int>(
+            std::chrono::year_month_day(std::chrono::floor<std::chrono::days>(d)).year())); });
+    EXPECT_EQ(text(encoder, std::vector<zul::Date>{date}), R"([{"year":2019}])");
+
+    const zul::Data bytes = zul::dataFromString("foob");
+    EXPECT_EQ(text(encoder, bytes), "[102,111,111,98]");
+    encoder.dataEncodingStrategy = JSONEncoder::DataEncodingStrategy::base64();
+    EXPECT_EQ(text(encoder, zul::Data{}), "\"\"");
+    EXPECT_EQ(text(encoder, zul::dataFromString("f")), "\"Zg==\"");
+    EXPECT_EQ(text(encoder, zul::dataFromString("fo")), "\"Zm8=\"");
+    EXPECT_EQ(text(encoder, bytes), "\"Zm9vYg==\"");
+    EXPECT_EQ(text(encoder, zul::Data{0xFB, 0xFF, 0xBF}), "\"+\\/+\\/\"");
+    encoder.dataEncodingStrategy = JSONEncoder::DataEncodingStrategy::custom(
+        [](const zul::Data& d, const zul::Encoder& e) { e.singleValueContainer().encode(d.size()); });
+    EXPECT_EQ(text(encoder, bytes), "4");
+}
+
+TEST(JSONEncoderRoundTrip, NestedRecordsReadBackEqualUnderEveryStrategyPair) {
+    const Movie movie = sampleMovie();
+    using DateE = JSONEncoder::DateEncodingStrategy;
+    using DateD = JSONDecoder::DateDecodingStrategy;
+    using DataE = JSONEncoder::DataEncodingStrategy;
+    using DataD = JSONDecoder::DataDecodingStrategy;
+    const std::vector<std::pair<DateE, DateD>> dates = {{DateE::deferredToDate(), DateD::deferredToDate()},
+                                                        {DateE::secondsSince1970(), DateD::secondsSince1970()},
+                                                        {DateE::millisecondsSince1970(), DateD::millisecondsSince1970()}};
+    const std::vector<std::pair<DataE, DataD>> datas = {{DataE::deferredToData(), DataD::deferredToData()},
+                                                        {DataE::base64(), DataD::base64()}};
+    for (const auto& [dateEncoding, dateDecoding] : dates) {
+        for (const auto& [dataEncoding, dataDecoding] : datas) {
+            JSONEncoder encoder;
+            encoder.dateEncodingStrategy = dateEncoding;
+            encoder.dataEncodingStrategy = dataEncoding;
+            encoder.outputFormatting.prettyPrinted = dataEncoding.kind() == DataE::Kind::base64;
+            encoder.outputFormatting.sortedKeys = dateEncoding.kind() == DateE::Kind::secondsSince1970;
+            JSONDecoder decoder;
+            decoder.dateDecodingStrategy = dateDecoding;
+            decoder.dataDecodingStrategy = dataDecoding;
+            const zul::Data json = encoder.encode(std::vector<Movie>{movie, Movie{}});
+            const auto decoded = decoder.decode<std::vector<Movie>>(json);
+            ASSERT_EQ(decoded.size(), 2U) << zul::stringFromData(json);
+            EXPECT_EQ(decoded[0], movie) << zul::stringFromData(json);
+            EXPECT_EQ(decoded[1], Movie{});
+        }
+    }
+
+    // ISO 8601 keeps whole seconds only.
+    JSONEncoder encoder;
+    encoder.dateEncodingStrategy = DateE::iso8601();
+    JSONDecoder decoder;
+    decoder.dateDecodingStrategy = DateD::iso8601();
+    const auto back = decoder.decode<Movie>(encoder.encode(movie));
+    EXPECT_EQ(back.released, std::chrono::floor<std::chrono::seconds>(movie.released));
+    EXPECT_EQ(back.cast, movie.cast);
+}
+
+TEST(JSONEncoderUserInfo, ReachesHandWrittenRecords) {
+    struct Tagged {
+        void encode(const zul::Encoder& encoder) const {
+            encoder.container().encode("tag", std::any_cast<std::string>(*encoder.userInfo().get("tag")));
+        }
+    };
+    JSONEncoder encoder;
+    encoder.userInfo.insertOrAssign("tag", std::any(std::string("v2")));
+    EXPECT_EQ(text(encoder, std::vector<Tagged>{Tagged{}}), R"([{"tag":"v2"}])");
+}
+
+}  // namespace

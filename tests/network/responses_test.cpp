@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "zul/core/json_decoder.hpp"
+#include "zul/network/responses.hpp"
+
+namespace {
+
+using zul::AnyResponse;
+using zul::DecodingError;
+using namespace std::string_view_literals;
+
+AnyResponse parse(std::string_view json) { return zul::JSONDecoder().decode<AnyResponse>(json); }
+
+zul::JSONDecoder withKeyPath(std::string path) {
+    zul::JSONDecoder decoder;
+    decoder.userInfo.insertOrAssign("keyPath", std::move(path));
+    return decoder;
+}
+
+template <class T>
+DecodingError decodingError(const zul::JSONDecoder& decoder, std::string_view json) {
+    try {
+        (void)decoder.decode<T>(json);
+    } catch (const DecodingError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "no error for " << json;
+    return DecodingError::dataCorrupted({});
+}
+
+struct Movie {
+    std::string title;
+    long year = 0;
+    static Movie decode(const zul::Decoder& d) {
+        const auto fields = d.container();
+        return {fields.decode<std::string>("title"sv), fields.decode<long>("year"sv)};
+    }
+};
+struct Envelope {
+    zul::ResponseResult<long> payload;
+    static Envelope decode(const zul::Decoder& d) {
+        return {d.container().decode<zul::ResponseResult<long>>("payload"sv)};
+    }
+};
+
+TEST(AnyResponseTest, ScalarsTakeTheFirstReadingThatFits) {
+    EXPECT_EQ(*parse("1").asInteger(), 1);
+    EXPECT_EQ(*parse("1.0").asInteger(), 1);  // integral numbers are integers before doubles
+    EXPECT_EQ(*parse("-12").asInteger(), -12);
+    EXPECT_EQ(*parse("true").asBool(), true);
+    EXPECT_EQ(*parse("1.5").asDouble(), 1.5);
+    EXPECT_EQ(*parse("9223372036854775808").asDouble(), 9223372036854775808.0);  // past Int: a double
+    EXPECT_EQ(*parse(R"("1")").asString(), "1");  // text stays text
+    EXPECT_TRUE(parse("null").isNull());
+    EXPECT_EQ(parse("false").kind(), AnyResponse::Kind::bool_);
+}
+
+TEST(AnyResponseTest, NestedMapsAndListsKeepDocumentOrder) {
+    const AnyResponse value = parse(R"({"z": [1, {"b": null}, "x"], "a": {}, "m": 2.5})");
+    ASSERT_EQ(value.kind(), AnyResponse::Kind::dictionary);
+    std::string keys;
+    for (const auto& entry : *value.asDictionary()) keys += entry.first;
+    EXPECT_EQ(keys, "zam");
+    const AnyResponse expected(AnyResponse::Dictionary{
+        {"z", AnyResponse::Array{1, AnyResponse::Dictionary{{"b", zul::Null{}}}, "x"}},
+        {"a", AnyResponse::Dictionary{}},
+        {"m", 2.5}});
+    EXPECT_EQ(value, expected);
+    EXPECT_EQ(parse("[]"), AnyResponse(AnyResponse::Array{}));
+}
+
+TEST(AnyResponseTest, EqualityIgnoresMapOrderButNotListOrderOrCase) {
+    EXPECT_EQ(parse(R"({"a": 1, "b": [true]})"), parse(R"({"b": [true], "a": 1})"));
+    EXPECT_NE(parse(R"({"a": 1})"), parse(R"({"a": 1, "b": 2})"));
+    EXPECT_NE(parse(R"({"a": 1, "b": 2})"), parse(R"({"a": 1, "c": 2})"));
+    EXPECT_NE(parse(R"({"a": 1})"), parse(R"({"a": 2})"));
+    EXPECT_NE(parse("[1, 2]"), parse("[2, 1]"));
+    EXPECT_NE(parse("[1]"), parse("[1, 1]"));
+    EXPECT_NE(parse("1"), parse(R"("1")"));
+    EXPECT_NE(parse("1"), parse("1.5"));
+    EXPECT_NE(parse("{}"), parse("[]"));
+    EXPECT_NE(parse("null"), parse("false"));
+}
+
+TEST(AnyResponseTest, Description) {
+    EXPECT_EQ(parse("true").description(), "true");
+    EXPECT_EQ(parse("-3").description(), "-3");
+    EXPECT_EQ(parse(R"("a b")").description(), "a b");
+    EXPECT_EQ(parse("1.5").description(), "1.5");
+    EXPECT_EQ(parse("0.1").description(), "0.1");
+    EXPECT_EQ(parse("null").description(), "null");
+    EXPECT_EQ(parse(R"([1, "a", null])").description(), R"(["1", "a", "null"])");
+    EXPECT_EQ(parse(R"({"k": "v", "n": 2})").description(), R"(["k": "v", "n": "2"])");
+    EXPECT_EQ(parse("[[1]]").description(), R"(["[\"1\"]"])");
+    EXPECT_EQ(parse("[]").description(), "[]");
+    EXPECT_EQ(parse("{}").description(), "[:]");
+}
+
+TEST(ResponseResultTest, DecodesTheValueUnderTheKeyPath) {
+    EXPECT_EQ(zul::responseContext, "response");
+    EXPECT_EQ(zul::decodingContext, "keyPath");
+    const auto movie =
+        withKeyPath("data").decode<zul::ResponseResult<Movie>>(R"({"meta": 1, "data": {"title": "Up", "year": 2009}})");
+    EXPECT_EQ(movie.result.title, "Up");
+    EXPECT_EQ(movie.result.year, 2009);
+    // The same body read with another path in user info gives the other member.
+    EXPECT_EQ(withKeyPath("meta").decode<zul::ResponseResult<long>>(R"({"meta": 1, "data": {}})").result, 1);
+    EXPECT_EQ(withKeyPath("data").decode<zul::ResponseResult<AnyResponse>>(R"({"data": [1]})").result,
+              AnyResponse(AnyResponse::Array{1}));
+}
+
+TEST(ResponseResultTest, DottedPathIsOneTopLevelKey) {
+    const auto decoder = withKeyPath("a.b");
+    EXPECT_EQ(decoder.decode<zul::ResponseResult<long>>(R"({"a": {"b": 1}, "a.b": 2})").result, 2);
+    const DecodingError nested = decodingError<zul::ResponseResult<long>>(decoder, R"({"a": {"b": 1}})");
+    EXPECT_EQ(nested.kind(), DecodingError::Kind::dataCorrupted);
+    EXPECT_EQ(nested.codingPath(), zul::CodingPath{zul::CodingKey("a.b")});
+}
+
+TEST(ResponseResultTest, MissingKeyPathIsDataCorruptedNamingTheUserInfoEntry) {
+    const DecodingError error = decodingError<zul::ResponseResult<long>>(withKeyPath("data"), R"({"dat": 1, "data2": 2})");
+    EXPECT_EQ(error.kind(), DecodingError::Kind::dataCorrupted);
+    EXPECT_EQ(error.description(),
+              "dataCorrupted(Context(codingPath: [ResponseResultKey(stringValue: \"data\", intValue: nil)], "
+              "debugDescription: \"Keypath keyPath not found\", underlyingError: nil))");
+    // Below another key, the path is the container's path plus the key looked for.
+    const DecodingError below = decodingError<Envelope>(withKeyPath("data"), R"({"payload": {}})");
+    ASSERT_EQ(below.codingPath().size(), 2u);
+    EXPECT_EQ(below.codingPath()[0].stringValue, "payload");
+    EXPECT_EQ(below.codingPath()[1].stringValue, "data");
+    EXPECT_EQ(below.codingPath()[1].typeName, "ResponseResultKey");
+    EXPECT_EQ(below.debugDescription(), "Keypath keyPath not found");
+}
+
+TEST(ResponseResultTest, WithoutUserInfoThePathIsEmpty) {
+    const zul::JSONDecoder plain;
+    EXPECT_EQ(plain.decode<zul::ResponseResult<long>>(R"({"x": 1, "": 7})").result, 7);
+    EXPECT_EQ(decodingError<zul::ResponseResult<long>>(plain, R"({"x": 1})").codingPath(), zul::CodingPath{zul::CodingKey("")});
+    zul::JSONDecoder literal;
+    literal.userInfo.insertOrAssign("keyPath", "x");  // a const char* reads as the same path
+    EXPECT_EQ(literal.decode<zul::ResponseResult<long>>(R"({"x": 1})").result, 1);
+}
+
+TEST(ResponseResultTest, ErrorsOfTheBodyAndTheValuePassThrough) {
+    const auto decoder = withKeyPath("data");
+    const DecodingError inner = decodingError<zul::ResponseResult<long>>(decoder, R"({"data": "x"})");
+    EXPECT_EQ(inner.kind(), DecodingError::Kind::typeMismatch);
+    EXPECT_EQ(inner.codingPath(), zul::CodingPath{zul::CodingKey("data")});
+    EXPECT_EQ(decodingError<zul::ResponseResult<long>>(decoder, "[1]").kind(), DecodingError::Kind::typeMismatch);
+    EXPECT_FALSE(zul::ResponseResultKey::fromInt(0).has_value());
+    EXPECT_FALSE(zul::ResponseResultKey("any text").intValue().has_value());
+}
+
+}  // namespace
