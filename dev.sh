@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Developer entry point: installs what is missing, builds, and runs.
 #
-#   ./dev.sh demo    install missing Debian packages, build, run the zul tool's default job
+#   ./dev.sh demo    install missing Debian packages, build, run the zul tool's self-check and
+#                    zul hls on the shipped sample playlists
 #   ./dev.sh test    install, build with warnings as errors, run every test (also under
 #                    ThreadSanitizer), and build the example against the installed package
 #   ./dev.sh asan    the whole suite under AddressSanitizer and UndefinedBehaviorSanitizer
@@ -10,7 +11,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(cmake ninja-build g++ pkg-config libasio-dev libcurl4-openssl-dev libsimdjson-dev libhowardhinnant-date-dev nlohmann-json3-dev libgtest-dev libgmock-dev googletest libbenchmark-dev)
+PACKAGES=(cmake ninja-build g++ pkg-config libasio-dev libcurl4-openssl-dev libsimdjson-dev libpcre2-dev libhowardhinnant-date-dev nlohmann-json3-dev libgtest-dev libgmock-dev googletest libbenchmark-dev)
 JOBS=$(nproc 2>/dev/null || echo 2)
 
 log() { printf '\n== %s\n' "$*"; }
@@ -62,6 +63,8 @@ demo)
     configure_and_build build -DZUL_BUILD_TESTS=OFF -DZUL_BUILD_BENCHMARKS=OFF
     log "zul"
     ./build/tools/zul/zul
+    log "zul hls (the shipped sample playlists)"
+    ./build/tools/zul/zul hls
     ;;
 test)
     install_missing
@@ -94,7 +97,7 @@ bench)
     done
     ;;
 *)
-    sed -n '2,10p' "$0"
+    sed -n '2,11p' "$0"
     exit 2
     ;;
 esac

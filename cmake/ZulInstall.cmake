@@ -21,10 +21,11 @@ install(FILES ${PROJECT_BINARY_DIR}/ZulFoundationConfig.cmake
 
 # pkg-config: a static build lists its private link needs so that `pkg-config --static` works.
 set(ZUL_PC_LIBS_PRIVATE "-pthread")
-set(ZUL_PC_REQUIRES_PRIVATE "libcurl simdjson")
+set(ZUL_PC_REQUIRES_PRIVATE "libcurl simdjson libpcre2-8")
 configure_file(cmake/zulfoundation.pc.in ${PROJECT_BINARY_DIR}/zulfoundation.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/zulfoundation.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 if(ZUL_BUILD_TOOLS)
   install(TARGETS zul RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
+install(DIRECTORY samples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/zulfoundation/samples)
