@@ -1,5 +1,7 @@
 #include "zul/platform/url.hpp"
 
+#include "platform/percent_encoding.hpp"
+
 #include <curl/curl.h>
 
 #include <array>
@@ -41,40 +43,7 @@ bool equalsIgnoringASCIICase(std::string_view a, std::string_view b) noexcept {
 // Bytes a path component may carry as they are: unreserved characters, sub-delims, ":", "@"
 // and "/". Anything else would change what the URL means ("?", "#"), read as an escape ("%"),
 // or is not allowed in a URL at all (space, controls, non-ASCII bytes).
-constexpr std::array<bool, 256> makePathAllowed() {
-    std::array<bool, 256> allowed{};
-    for (int c = 'a'; c <= 'z'; ++c) allowed[static_cast<std::size_t>(c)] = true;
-    for (int c = 'A'; c <= 'Z'; ++c) allowed[static_cast<std::size_t>(c)] = true;
-    for (int c = '0'; c <= '9'; ++c) allowed[static_cast<std::size_t>(c)] = true;
-    for (const char c : std::string_view("!$&'()*+,-./:;=@_~")) allowed[static_cast<unsigned char>(c)] = true;
-    return allowed;
-}
-
-constexpr std::array<bool, 256> pathAllowed = makePathAllowed();
-
-bool isPathAllowed(char c) noexcept { return pathAllowed[static_cast<unsigned char>(c)]; }
-
-std::size_t pathEncodedSize(std::string_view text) noexcept {
-    std::size_t size = text.size();
-    for (const char c : text) {
-        if (!isPathAllowed(c)) size += 2;
-    }
-    return size;
-}
-
-void appendPathEncoded(std::string& out, std::string_view text) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    for (const char c : text) {
-        if (isPathAllowed(c)) {
-            out += c;
-        } else {
-            const auto byte = static_cast<unsigned char>(c);
-            out += '%';
-            out += hex[byte >> 4];
-            out += hex[byte & 0x0F];
-        }
-    }
-}
+constexpr detail::PercentEncodingSet pathAllowed("!$&'()*+,-./:;=@_~");
 
 // The text between two offsets of a layout. Clamped, so that the accessors of a URL whose text
 // was moved away read empty parts instead of throwing from noexcept functions.
@@ -254,12 +223,12 @@ URL URL::appendingPathComponent(std::string_view component) const {
         slash = component.empty() || component.front() != '/';
     }
 
-    const std::size_t inserted = (slash ? 1 : 0) + pathEncodedSize(component);
+    const std::size_t inserted = (slash ? 1 : 0) + pathAllowed.encodedSize(component);
     std::string text;
     text.reserve(text_.size() + inserted);
     text.append(text_, 0, layout_.pathEnd);
     if (slash) text += '/';
-    appendPathEncoded(text, component);
+    pathAllowed.append(text, component);
     text.append(text_, layout_.pathEnd, std::string::npos);
 
     // Only the end of the path moves; the parts before it stay where they were.

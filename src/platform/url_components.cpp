@@ -1,5 +1,7 @@
 #include "zul/platform/url_components.hpp"
 
+#include "platform/percent_encoding.hpp"
+
 #include <array>
 
 namespace zul {
@@ -9,26 +11,7 @@ namespace {
 // Bytes a query item's name or value may carry as they are. "&" and "=" separate items and
 // their parts, "#" would start the fragment and "%" an escape, so they are encoded; so is every
 // byte a URL may not hold (space, controls, `" < > [ \ ] ^ { | }` and the backquote, non-ASCII).
-constexpr std::array<bool, 256> makeQueryAllowed() {
-    std::array<bool, 256> allowed{};
-    for (int c = 'a'; c <= 'z'; ++c) allowed[static_cast<std::size_t>(c)] = true;
-    for (int c = 'A'; c <= 'Z'; ++c) allowed[static_cast<std::size_t>(c)] = true;
-    for (int c = '0'; c <= '9'; ++c) allowed[static_cast<std::size_t>(c)] = true;
-    for (const char c : std::string_view("-._~!$'()*+,;:@/?")) allowed[static_cast<unsigned char>(c)] = true;
-    return allowed;
-}
-
-constexpr std::array<bool, 256> queryAllowed = makeQueryAllowed();
-
-bool isQueryAllowed(char c) noexcept { return queryAllowed[static_cast<unsigned char>(c)]; }
-
-std::size_t queryEncodedSize(std::string_view text) noexcept {
-    std::size_t size = text.size();
-    for (const char c : text) {
-        if (!isQueryAllowed(c)) size += 2;
-    }
-    return size;
-}
+constexpr detail::PercentEncodingSet queryAllowed("-._~!$'()*+,;:@/?");
 
 int hexValue(char c) noexcept {
     if (c >= '0' && c <= '9') return c - '0';
@@ -66,19 +49,7 @@ URLQueryItem decodedItem(std::string_view text) {
 
 }  // namespace
 
-void URLComponents::appendQueryEncoded(std::string& out, std::string_view text) {
-    static constexpr char hex[] = "0123456789ABCDEF";
-    for (const char c : text) {
-        if (isQueryAllowed(c)) {
-            out += c;
-        } else {
-            const auto byte = static_cast<unsigned char>(c);
-            out += '%';
-            out += hex[byte >> 4];
-            out += hex[byte & 0x0F];
-        }
-    }
-}
+void URLComponents::appendQueryEncoded(std::string& out, std::string_view text) { queryAllowed.append(out, text); }
 
 std::optional<URLComponents> URLComponents::fromURL(const URL& url, bool /*resolvingAgainstBaseURL*/) {
     const std::string& text = url.text_;
@@ -118,8 +89,8 @@ void URLComponents::setQueryItems(const std::optional<std::vector<URLQueryItem>>
     }
     std::size_t size = items->empty() ? 0 : items->size() - 1;  // the "&"s
     for (const URLQueryItem& item : *items) {
-        size += queryEncodedSize(item.name);
-        if (item.value) size += 1 + queryEncodedSize(*item.value);
+        size += queryAllowed.encodedSize(item.name);
+        if (item.value) size += 1 + queryAllowed.encodedSize(*item.value);
     }
     // A query already there lends its buffer.
     std::string& query = query_ ? *query_ : query_.emplace();
