@@ -1,0 +1,157 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <latch>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "support/wait.hpp"
+#include "zul/core/emitter.hpp"
+
+namespace {
+
+using zul::Emitter;
+using zul::MemoryEmitter;
+
+TEST(EmitterTest, SynchronousReactionsLeaveAfterTheValueTheyRefuseAndLateJoinersWait) {
+    auto emitter = Emitter<int>::create(false);
+    std::vector<std::string> seen;
+    emitter->addReaction([&](const int& v) {
+        seen.push_back("a" + std::to_string(v));
+        return v < 2;  // leaves after 2
+    });
+    emitter->addReaction([&](const int& v) {
+        seen.push_back("b" + std::to_string(v));
+        if (v == 1) {
+            // Joins during delivery: kept, and not given the value being delivered.
+            emitter->addReaction([&](const int& w) {
+                seen.push_back("c" + std::to_string(w));
+                return true;
+            });
+        }
+        return true;
+    });
+    emitter->invoke(1);
+    emitter->invoke(2);
+    emitter->invoke(3);
+    EXPECT_EQ(seen, (std::vector<std::string>{"a1", "b1", "a2", "b2", "c2", "b3", "c3"}));
+
+    auto empty = MemoryEmitter<int>::create(false);
+    empty->invoke(4);  // no reactions: only remembered
+    EXPECT_EQ(empty->last(), 4);
+}
+
+TEST(EmitterTest, SynchronousMemoryEmitterReplaysWithTheAnswerReversed) {
+    auto emitter = MemoryEmitter<int>::create(false);
+    std::vector<int> satisfied;
+    std::vector<int> wanting;
+    emitter->addReaction([&](const int& v) {  // no last value yet: subscribed as usual
+        wanting.push_back(-v);
+        return true;
+    });
+    emitter->invoke(5);
+    emitter->addReaction([&](const int& v) {
+        satisfied.push_back(v);
+        return true;  // satisfied by the replay: never subscribed
+    });
+    emitter->addReaction([&](const int& v) {
+        wanting.push_back(v);
+        return false;  // wants more: subscribed, then leaves after its first delivered value
+    });
+    emitter->invoke(6);
+    emitter->invoke(7);
+    EXPECT_EQ(satisfied, std::vector<int>{5});
+    EXPECT_EQ(wanting, (std::vector<int>{-5, 5, -6, 6, -7}));
+}
+
+TEST(EmitterTest, AsynchronousDeliveryReturnsAtOnceAndRunsInOrderOnTheEmittersQueue) {
+    auto emitter = Emitter<int>::create(true);
+    EXPECT_TRUE(emitter->serialQueue()->label().starts_with("Emitter-"));
+    std::latch gate(1);
+    std::mutex mutex;
+    std::vector<int> seen;
+    std::atomic<bool> onQueue{true};
+    emitter->addReaction([&](const int& v) {
+        gate.wait();
+        if (!emitter->serialQueue()->isCurrent()) onQueue = false;
+        std::lock_guard lock(mutex);
+        seen.push_back(v);
+        return v != 3;
+    });
+    emitter->invoke(1);
+    {
+        std::lock_guard lock(mutex);
+        EXPECT_TRUE(seen.empty());  // invoke returned before the reaction could record anything
+    }
+    gate.count_down();
+    for (int v : {2, 3}) emitter->invoke(v);
+    emitter->invoke(4);  // after 3 the reaction has left
+    emitter->serialQueue()->sync([] {});
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(seen, (std::vector<int>{1, 2, 3}));
+    EXPECT_TRUE(onQueue);
+}
+
+TEST(EmitterTest, AsynchronousMemoryEmitterReplaysOnItsQueue) {
+    auto emitter = MemoryEmitter<int>::create(true);
+    emitter->invoke(5);
+    std::mutex mutex;
+    std::vector<int> satisfied;
+    std::vector<int> wanting;
+    emitter->addReaction([&](const int& v) {
+        std::lock_guard lock(mutex);
+        satisfied.push_back(v);
+        return true;
+    });
+    emitter->addReaction([&](const int& v) {
+        std::lock_guard lock(mutex);
+        wanting.push_back(v);
+        return v != 5;  // false for the replayed 5: subscribed; true afterwards: stays
+    });
+    emitter->serialQueue()->sync([] {});  // the replays ran and queued their appends
+    emitter->invoke(8);
+    emitter->invoke(9);
+    emitter->serialQueue()->sync([] {});
+    std::lock_guard lock(mutex);
+    EXPECT_EQ(satisfied, std::vector<int>{5});        // true for the replay: never subscribed
+    EXPECT_EQ(wanting, (std::vector<int>{5, 8, 9}));  // the replay, then every later value
+}
+
+TEST(EmitterTest, JobsOfAnEmitterThatIsGoneAreDropped) {
+    auto emitter = Emitter<int>::create(true);
+    auto queue = emitter->serialQueue();
+    std::latch gate(1);
+    queue->async([&] { gate.wait(); });  // holds the queue while the emitter goes away
+    std::atomic<int> calls{0};
+    emitter->addReaction([&](const int&) {
+        ++calls;
+        return true;
+    });
+    emitter->invoke(1);
+    emitter.reset();
+    gate.count_down();
+    queue->sync([] {});
+    EXPECT_EQ(calls.load(), 0);
+}
+
+TEST(EmitterTest, ConcurrentInvokesOfAnAsynchronousMemoryEmitterDeliverEveryValueOnce) {
+    auto emitter = MemoryEmitter<int>::create(true);
+    std::atomic<int> delivered{0};
+    emitter->addReaction([&](const int&) {
+        ++delivered;
+        return true;
+    });
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 500; ++i) emitter->invoke(t * 1000 + i);
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    emitter->serialQueue()->sync([] {});
+    EXPECT_EQ(delivered.load(), 2000);
+    ASSERT_TRUE(emitter->last().has_value());
+}
+
+}  // namespace
