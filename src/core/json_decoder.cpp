@@ -21,6 +21,7 @@
 
 #include <date/date.h>
 
+#include "platform/base64.hpp"
 #include "platform/number_format.hpp"
 
 namespace zul {
@@ -297,41 +298,6 @@ std::optional<Date> dateAfter(double count, std::int64_t epochSeconds) {
                 fraction);
 }
 
-constexpr std::array<std::int8_t, 256> base64Values = [] {
-    std::array<std::int8_t, 256> table{};
-    table.fill(-1);
-    constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    for (std::size_t i = 0; i < alphabet.size(); ++i) {
-        table[static_cast<unsigned char>(alphabet[i])] = static_cast<std::int8_t>(i);
-    }
-    return table;
-}();
-
-// Standard base64: the 64-character alphabet in groups of four, with one or two "=" closing the
-// last group only.
-std::optional<Data> decodeBase64(std::string_view text) {
-    if (text.size() % 4 != 0) return std::nullopt;
-    Data bytes;
-    bytes.reserve(text.size() / 4 * 3);
-    for (std::size_t group = 0; group < text.size(); group += 4) {
-        const bool last = group + 4 == text.size();
-        std::size_t padding = 0;
-        if (last) padding = text[group + 3] != '=' ? 0 : text[group + 2] != '=' ? 1 : 2;
-        std::uint32_t bits = 0;
-        for (std::size_t i = 0; i < 4; ++i) {
-            std::int8_t value = 0;
-            if (i < 4 - padding) {
-                value = base64Values[static_cast<unsigned char>(text[group + i])];
-                if (value < 0) return std::nullopt;
-            }
-            bits = (bits << 6) | static_cast<std::uint32_t>(value);
-        }
-        bytes.push_back(static_cast<std::uint8_t>(bits >> 16));
-        if (padding < 2) bytes.push_back(static_cast<std::uint8_t>(bits >> 8));
-        if (padding < 1) bytes.push_back(static_cast<std::uint8_t>(bits));
-    }
-    return bytes;
-}
 
 // ---- the backend ----
 
@@ -551,7 +517,7 @@ public:
             }
             case Kind::base64: {
                 const std::string text = decodeString(decoder.node(), decoder.frame());
-                if (auto data = decodeBase64(text)) return std::move(*data);
+                if (auto data = detail::decodeBase64(text)) return std::move(*data);
                 throw DecodingError::dataCorrupted(
                     {codingPath(decoder.frame()), "Encountered Data is not valid Base64.", {}});
             }

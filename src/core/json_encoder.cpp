@@ -15,6 +15,7 @@
 
 #include <date/date.h>
 
+#include "platform/base64.hpp"
 #include "platform/json_text.hpp"
 
 namespace zul {
@@ -192,22 +193,6 @@ double millisecondsSince1970(Date date) {
            std::chrono::duration<double, std::milli>(date.time_since_epoch() - whole).count();
 }
 
-std::string encodeBase64(const Data& bytes) {
-    static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
-    for (std::size_t i = 0; i < bytes.size(); i += 3) {
-        const std::size_t count = std::min<std::size_t>(3, bytes.size() - i);
-        std::uint32_t bits = static_cast<std::uint32_t>(bytes[i]) << 16;
-        if (count > 1) bits |= static_cast<std::uint32_t>(bytes[i + 1]) << 8;
-        if (count > 2) bits |= bytes[i + 2];
-        text.push_back(alphabet[(bits >> 18) & 0x3F]);
-        text.push_back(alphabet[(bits >> 12) & 0x3F]);
-        text.push_back(count > 1 ? alphabet[(bits >> 6) & 0x3F] : '=');
-        text.push_back(count > 2 ? alphabet[bits & 0x3F] : '=');
-    }
-    return text;
-}
 
 // ---- the backend ----
 
@@ -332,7 +317,7 @@ public:
                 for (const std::uint8_t byte : value) bytes.encode(byte);
                 return;
             }
-            case Kind::base64: encodeString(encoder.slot(), encodeBase64(value), encoder.frame()); return;
+            case Kind::base64: encodeString(encoder.slot(), detail::encodeBase64(value), encoder.frame()); return;
             case Kind::custom: strategy.customWriter()(value, encoder); return;
         }
     }
