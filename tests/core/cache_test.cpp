@@ -1,0 +1,291 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <concepts>
+#include <functional>
+#include <latch>
+#include <memory>
+#include <ranges>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zul/core/cache.hpp"
+
+namespace {
+
+using zul::MemoryPressure;
+using zul::WeakRef;
+using zul::WeakRefArray;
+using zul::ZulCache;
+
+// A user-defined key with its own hash, which collides on purpose: equality must decide.
+struct EpisodeId {
+    int season;
+    int episode;
+    friend bool operator==(const EpisodeId&, const EpisodeId&) = default;
+};
+
+}  // namespace
+
+template <>
+struct std::hash<EpisodeId> {
+    std::size_t operator()(const EpisodeId& id) const noexcept { return static_cast<std::size_t>(id.season); }
+};
+
+namespace {
+
+TEST(ZulCacheTest, ReadsBackWhatWasInsertedUntilReplacedOrRemoved) {
+    auto cache = ZulCache<int, std::string>::create();
+    EXPECT_EQ(cache->countLimit(), 0u);  // made with no limits
+    EXPECT_EQ(cache->totalCostLimit(), 0u);
+    EXPECT_EQ(cache->value(1), std::nullopt);  // never stored
+
+    cache->insert("one", 1);
+    cache->insert("two", 2);
+    EXPECT_EQ(cache->value(1), "one");
+    EXPECT_EQ(cache->value(2), "two");
+
+    cache->insert("uno", 1);  // replaces
+    EXPECT_EQ(cache->value(1), "uno");
+    EXPECT_EQ(cache->wrapped().count(), 2u);
+
+    cache->removeValue(1);
+    EXPECT_EQ(cache->value(1), std::nullopt);
+    EXPECT_EQ(cache->value(2), "two");
+    cache->removeValue(1);  // nothing to remove: no effect
+    cache->removeValue(42);
+    EXPECT_EQ(cache->wrapped().count(), 1u);
+}
+
+TEST(ZulCacheTest, KeysEqualByValueFindTheSameEntry) {
+    auto byText = ZulCache<std::string, int>::create();
+    const std::string stored(40, 'k');  // long enough to live on the heap
+    std::string probe(39, 'k');
+    probe += 'k';  // another object, another buffer, the same text
+    ASSERT_NE(stored.data(), probe.data());
+    byText->insert(7, stored);
+    EXPECT_EQ(byText->value(probe), 7);
+    byText->insert(8, probe);
+    EXPECT_EQ(byText->value(stored), 8);
+    EXPECT_EQ(byText->wrapped().count(), 1u);
+    byText->removeValue(std::string(40, 'k'));
+    EXPECT_EQ(byText->value(stored), std::nullopt);
+
+    auto episodes = ZulCache<EpisodeId, std::string>::create();
+    episodes->insert("pilot", EpisodeId{1, 1});
+    episodes->insert("finale", EpisodeId{1, 10});  // same hash, different key
+    EXPECT_EQ(episodes->value(EpisodeId{1, 1}), "pilot");
+    EXPECT_EQ(episodes->value(EpisodeId{1, 10}), "finale");
+    EXPECT_EQ(episodes->value(EpisodeId{1, 2}), std::nullopt);
+    episodes->removeValue(EpisodeId{1, 1});
+    EXPECT_EQ(episodes->value(EpisodeId{1, 10}), "finale");
+}
+
+TEST(ZulCacheTest, WrappedKeyHashesAsItsKeyAndEqualsOnlyWrappersOfTheSameCacheType) {
+    using Wrapped = ZulCache<std::string, int>::WrappedKey;
+    const Wrapped a(std::string("key"));
+    EXPECT_EQ(a.hashValue(), std::hash<std::string>{}("key"));
+    EXPECT_EQ(a.key(), "key");
+    EXPECT_TRUE(a == Wrapped(std::string("key")));
+    EXPECT_FALSE(a == Wrapped(std::string("other")));
+    // A wrapper of another cache type is another type, even with the same key type: the
+    // comparison does not exist.
+    static_assert(std::equality_comparable<Wrapped>);
+    static_assert(!std::equality_comparable_with<Wrapped, ZulCache<std::string, long>::WrappedKey>);
+    static_assert(!std::equality_comparable_with<Wrapped, std::string>);
+
+    const ZulCache<std::string, int>::Entry entry(5);
+    EXPECT_EQ(entry.value, 5);
+}
+
+TEST(ZulCacheTest, SubscriptReadsInsertsAndRemoves) {
+    auto holder = ZulCache<std::string, int>::create();
+    auto& cache = *holder;
+    const std::string a = "a";
+    const std::string b = "b";
+
+    std::optional<int> read = cache[a];
+    EXPECT_EQ(read, std::nullopt);
+
+    cache[a] = 1;  // a present value inserts
+    EXPECT_EQ(cache.value(a), 1);
+    EXPECT_EQ(cache[a].value(), 1);
+    cache[b] = std::optional<int>(2);
+    EXPECT_EQ(cache.value(b), 2);
+
+    cache[a] = std::nullopt;  // absent removes
+    EXPECT_EQ(cache.value(a), std::nullopt);
+    cache[b] = std::optional<int>();
+    EXPECT_EQ(cache.value(b), std::nullopt);
+
+    cache[b] = 3;
+    cache[a] = cache[b];  // copies the value across
+    EXPECT_EQ(cache.value(a), 3);
+    cache[b] = std::nullopt;
+    cache[a] = cache[b];  // copies the absence across: removes
+    EXPECT_EQ(cache.value(a), std::nullopt);
+
+    cache[a] = 4;
+    const auto& constCache = cache;
+    EXPECT_EQ(constCache[a], 4);
+}
+
+TEST(ZulCacheTest, LimitsOfTheStoreEvictAndPressureDropsEntries) {
+    auto cache = ZulCache<int, int>::create();
+    cache->setCountLimit(2);
+    EXPECT_EQ(cache->countLimit(), 2u);
+    cache->insert(10, 1);
+    cache->insert(20, 2);
+    cache->insert(30, 3);
+    EXPECT_EQ(cache->value(1), std::nullopt);  // the oldest went
+    EXPECT_EQ(cache->value(3), 30);
+
+    auto costly = ZulCache<std::string, std::string>::create();
+    costly->setTotalCostLimit(100);
+    costly->insert("poster", "a", 60);
+    costly->insert("trailer", "b", 60);
+    EXPECT_EQ(costly->value("a"), std::nullopt);
+    EXPECT_EQ(costly->value("b"), "trailer");
+    EXPECT_EQ(costly->wrapped().totalCost(), 60u);
+
+    for (int i = 0; i < 50; ++i) costly->insert("x", std::to_string(i), 1);
+    costly->setTotalCostLimit(0);
+    MemoryPressure::signal(MemoryPressure::Level::critical);
+    EXPECT_EQ(costly->wrapped().count(), 0u);
+    EXPECT_EQ(cache->value(3), std::nullopt);
+}
+
+TEST(ZulCacheTest, ConcurrentReadersAndWritersFromSeveralThreads) {
+    auto cache = ZulCache<std::string, std::string>::create();
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 20000;
+    std::atomic<int> bad{0};
+    std::latch start(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            start.arrive_and_wait();
+            for (int r = 0; r < kRounds; ++r) {
+                const std::string key = "title-" + std::to_string((r + t) % 32);
+                if (r % 3 == 0) {
+                    (*cache)[key] = key + "/" + std::to_string(r);  // a value names its key
+                } else if (r % 97 == 0) {
+                    cache->removeValue(key);
+                } else if (auto value = cache->value(key); value && !value->starts_with(key + "/")) {
+                    bad.fetch_add(1);
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(bad.load(), 0);
+    for (int k = 0; k < 32; ++k) {
+        const std::string key = "title-" + std::to_string(k);
+        if (auto value = cache->value(key)) {
+            EXPECT_TRUE(value->starts_with(key + "/")) << *value;
+        }
+    }
+}
+
+struct Listener {
+    int id;
+};
+
+TEST(WeakRefTest, ReadsTheObjectWhileItLivesAndNullAfter) {
+    EXPECT_EQ(WeakRef<Listener>().value(), nullptr);
+    EXPECT_EQ(WeakRef<Listener>(nullptr).value(), nullptr);
+
+    auto listener = std::make_shared<Listener>(Listener{1});
+    const WeakRef<Listener> ref(listener);
+    const WeakRef<Listener> copy = ref;
+    EXPECT_EQ(ref.value(), listener);
+    EXPECT_EQ(listener.use_count(), 1);  // holding it weakly does not keep it
+    listener.reset();
+    EXPECT_EQ(ref.value(), nullptr);
+    EXPECT_EQ(copy.value(), nullptr);
+}
+
+TEST(WeakRefTest, AReadRacingTheLastOwnerSeesTheObjectWholeOrNull) {
+    for (int round = 0; round < 200; ++round) {
+        auto owner = std::make_shared<std::string>("alive");
+        const WeakRef<std::string> ref(owner);
+        std::atomic<bool> wrong{false};
+        std::thread reader([&] {
+            for (int i = 0; i < 50; ++i) {
+                if (auto object = ref.value(); object && *object != "alive") wrong = true;
+            }
+        });
+        owner.reset();
+        reader.join();
+        EXPECT_FALSE(wrong.load());
+        EXPECT_EQ(ref.value(), nullptr);
+    }
+}
+
+TEST(WeakRefArrayTest, DeadEntriesKeepTheirPositionsAndReadAsNull) {
+    WeakRefArray<Listener> array;
+    EXPECT_TRUE(array.empty());
+    EXPECT_EQ(array.begin(), array.end());
+
+    auto a = std::make_shared<Listener>(Listener{1});
+    auto b = std::make_shared<Listener>(Listener{2});
+    auto c = std::make_shared<Listener>(Listener{3});
+    array.append(a);
+    array.append(b);
+    array.append(c);
+    array.append(nullptr);
+    b.reset();
+
+    EXPECT_EQ(array.size(), 4u);
+    EXPECT_EQ(array.count(), 4u);
+    EXPECT_EQ(array[0], a);
+    EXPECT_EQ(array[1], nullptr);  // destroyed: still there, absent
+    EXPECT_EQ(array[2], c);
+    EXPECT_EQ(array[3], nullptr);
+    EXPECT_EQ(array.items().size(), 4u);
+    EXPECT_EQ(array.items()[2].value(), c);
+
+    std::vector<int> seen;
+    for (const auto& listener : array) seen.push_back(listener ? listener->id : 0);
+    EXPECT_EQ(seen, (std::vector<int>{1, 0, 3, 0}));
+
+    a.reset();
+    c.reset();
+    EXPECT_EQ(array.size(), 4u);
+    EXPECT_EQ(std::ranges::count(array, nullptr), 4);
+}
+
+TEST(WeakRefArrayTest, IsARandomAccessRange) {
+    static_assert(std::ranges::random_access_range<const WeakRefArray<Listener>>);
+    static_assert(std::ranges::sized_range<WeakRefArray<Listener>>);
+    static_assert(std::random_access_iterator<WeakRefArray<Listener>::Iterator>);
+
+    std::vector<std::shared_ptr<Listener>> owners;
+    WeakRefArray<Listener> array;
+    for (int i = 0; i < 10; ++i) {
+        owners.push_back(std::make_shared<Listener>(Listener{i}));
+        array.append(owners.back());
+    }
+    owners[4].reset();
+
+    auto it = array.begin();
+    EXPECT_EQ((*(it + 3))->id, 3);
+    EXPECT_EQ(it[7]->id, 7);
+    EXPECT_EQ(*(array.end() - 1), owners[9]);
+    EXPECT_EQ(array.end() - array.begin(), 10);
+    it += 5;
+    EXPECT_EQ((*it)->id, 5);
+    EXPECT_EQ((*--it), nullptr);  // position 4, destroyed
+    EXPECT_LT(array.begin(), it);
+    EXPECT_EQ(std::ranges::size(array), 10u);
+
+    auto alive = array | std::views::filter([](const auto& p) { return p != nullptr; }) |
+                 std::views::transform([](const auto& p) { return p->id; });
+    EXPECT_EQ(std::vector<int>(alive.begin(), alive.end()), (std::vector<int>{0, 1, 2, 3, 5, 6, 7, 8, 9}));
+    auto reversed = array | std::views::reverse | std::views::take(2);
+    EXPECT_EQ((*reversed.begin())->id, 9);
+}
+
+}  // namespace
