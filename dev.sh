@@ -11,7 +11,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(cmake ninja-build g++ pkg-config libasio-dev libcurl4-openssl-dev libsimdjson-dev libpcre2-dev libhowardhinnant-date-dev nlohmann-json3-dev libgtest-dev libgmock-dev googletest libbenchmark-dev)
+PACKAGES=(cmake ninja-build g++ pkg-config libasio-dev libcurl4-openssl-dev libsimdjson-dev libpcre2-dev libhowardhinnant-date-dev nlohmann-json3-dev libspdlog-dev libgtest-dev libgmock-dev googletest libbenchmark-dev)
 JOBS=$(nproc 2>/dev/null || echo 2)
 
 log() { printf '\n== %s\n' "$*"; }
@@ -43,15 +43,18 @@ run_tests() {
     ctest --test-dir "$dir" --output-on-failure -j "$JOBS" "$@"
 }
 
-# Builds the example against the library installed from build DIR, as an application would.
+# Builds the examples against the library installed from build DIR, as an application would, and
+# runs them.
 check_example() {
     local dir=$1 prefix="$PWD/$1/install"
-    log "installing into $prefix and building the example against it"
+    log "installing into $prefix and building the examples against it"
     rm -rf "$prefix" "$dir/examples"
     cmake --install "$dir" --prefix "$prefix" >/dev/null
     cmake -S examples -B "$dir/examples" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
     cmake --build "$dir/examples"
     "$dir/examples/futures_on_queues"
+    "$dir/examples/console_logger"
+    "$dir/examples/rotating_file_logger"
     PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --exists --print-errors zulfoundation
 }
 
