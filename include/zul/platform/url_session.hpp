@@ -18,8 +18,21 @@
 /// delegate is asked first (`willPerformHTTPRedirection`) and may follow, rewrite or refuse them.
 /// Transport failures arrive as a `URLError` carrying the platform's negative codes.
 ///
+/// Each session runs its transfers (libcurl, HTTP/1.1 and HTTP/2 over TLS, connection reuse,
+/// proxies from the environment) on a thread of its own. It hands libcurl only as many transfers
+/// as its connections can carry and keeps the rest in line, so any number of tasks may be
+/// resumed at once.
+///
+/// The request time-out is idle time: a transfer fails with `URLError::timedOut` when no bytes
+/// moved for `timeoutInterval()` whole seconds (the configuration's `timeoutIntervalForRequest`
+/// when that is not positive), counted from when it leaves the line, connecting included.
+///
+/// Bodies arrive as the server sent them: libcurl decodes no content coding, so a request that
+/// sets `Accept-Encoding` itself gets the encoded bytes.
+///
 /// The session holds its delegate weakly; keep the delegate alive for as long as its callbacks
-/// matter. Destroying the session (or `invalidateAndCancel`) cancels its tasks and ends its thread.
+/// matter. `invalidateAndCancel` cancels the tasks and retires the session; destroying it does
+/// the same, ends its thread and closes its connections.
 
 #include <cstddef>
 #include <cstdint>
@@ -53,6 +66,7 @@ public:
         cannotFindHost = -1003,
         cannotConnectToHost = -1004,
         networkConnectionLost = -1005,
+        httpTooManyRedirects = -1007,
         notConnectedToInternet = -1009,
         badServerResponse = -1011,
     };
@@ -65,9 +79,12 @@ public:
     /// "NSURLErrorDomain", the domain of every code above.
     static constexpr const char* domain = "NSURLErrorDomain";
 
-    /// The symbolic case, for example "timedOut".
+    /// The symbolic case, for example "timedOut"; "URLError" for a code not listed above.
     const char* what() const noexcept override;
-    /// For example `URLError(-1001 timedOut): Operation timed out after 2000 milliseconds`.
+    /// The transport's explanation given at construction (may be empty).
+    const std::string& message() const noexcept { return message_; }
+    /// For example `URLError(-1001 timedOut): Operation timed out after 2000 milliseconds`;
+    /// without a message, just `URLError(-999 cancelled)`.
     std::string description() const override;
 
     friend bool operator==(const URLError& a, const URLError& b) noexcept { return a.code_ == b.code_; }
@@ -84,8 +101,10 @@ class URLSessionDelegate {
 public:
     virtual ~URLSessionDelegate() = default;
 
-    /// Body bytes of `task` arrived. Called zero or more times before `didCompleteWithError`.
-    /// The default ignores them.
+    /// Body bytes of `task` arrived: everything gathered since the previous call, so large
+    /// bodies come in a few large pieces. Called zero or more times before
+    /// `didCompleteWithError`. The body of a redirect that is followed is not reported. The
+    /// default ignores them.
     virtual void didReceive(URLSession& session, URLSessionTask& task, const Data& data);
 
     /// `task` finished: `error` is absent on success (whatever the HTTP status), and carries the
@@ -116,11 +135,14 @@ struct URLSessionConfiguration {
     double timeoutIntervalForRequest = 60.0;
     /// Upper bound on the whole of one transfer, in seconds (default: 7 days).
     double timeoutIntervalForResource = 7.0 * 24 * 3600;
-    /// Most connections the session keeps open at once, to all hosts together. Transfers beyond
-    /// what these connections can carry wait in line, so any number of tasks can be resumed at
-    /// once without running out of file descriptors.
+    /// Most connections the session keeps open at once, to all hosts together, and most
+    /// transfers under way at once. Transfers beyond what these connections can carry wait in
+    /// line, so any number of tasks can be resumed at once without running out of file
+    /// descriptors.
     std::size_t maximumConnections = 64;
-    /// Most connections to one host.
+    /// Most connections to one origin (scheme, host, port), and so most HTTP/1.1 transfers to
+    /// it at once. An origin that has answered over HTTP/2 carries up to `maximumConnections`
+    /// transfers on its connections.
     std::size_t httpMaximumConnectionsPerHost = 16;
     /// Seconds an unused connection is kept for reuse before it is closed.
     double connectionIdleTimeout = 60.0;
@@ -159,7 +181,9 @@ public:
     std::optional<URLError> error() const;
     URLSessionTaskState state() const noexcept;
 
-    /// Starts a suspended task. Does nothing in any other state.
+    /// Starts a suspended task. Does nothing in any other state. A task of an invalidated
+    /// session completes with `URLError::cancelled` instead (and destroying a session has
+    /// already cancelled its tasks).
     void resume();
     /// Stops the task: it reports `URLError::cancelled` to the delegate and ends `completed`.
     /// Does nothing once the task is canceling or completed.
@@ -199,9 +223,9 @@ public:
                                               std::shared_ptr<URLSessionDelegate> delegate = nullptr,
                                               std::shared_ptr<DispatchQueue> delegateQueue = nullptr);
 
-    /// Cancels what is still running, like `invalidateAndCancel`, and waits for the transfer
-    /// thread to end. Callbacks already queued on the delegate queue may still run afterwards;
-    /// the delegate's weak reference keeps them safe.
+    /// Cancels every task, like `invalidateAndCancel`, waits for the transfer thread to end and
+    /// closes the connections. Completion handlers are still called (with `URLError::cancelled`
+    /// for what was cut short); the delegate, which needs the session, is not called any more.
     ~URLSession();
     URLSession(const URLSession&) = delete;
     URLSession& operator=(const URLSession&) = delete;
@@ -212,9 +236,12 @@ public:
     /// delegate's `didReceive` and `didCompleteWithError` (redirects still ask the delegate).
     std::shared_ptr<URLSessionDataTask> dataTask(URLRequest request, CompletionHandler completionHandler);
 
-    /// Cancels every task and refuses new ones; the delegate then gets `didBecomeInvalid`.
+    /// Cancels every task (suspended ones too) and refuses new ones; the delegate then gets
+    /// `didBecomeInvalid`, its last callback. Tasks resumed afterwards complete with
+    /// `URLError::cancelled` (their completion handlers are called; the delegate is not).
     void invalidateAndCancel();
-    /// Lets running tasks finish and refuses new ones; the delegate then gets `didBecomeInvalid`.
+    /// Lets resumed tasks finish (suspended ones are not waited for) and refuses new ones; the
+    /// delegate then gets `didBecomeInvalid`, its last callback.
     void finishTasksAndInvalidate();
 
     const URLSessionConfiguration& configuration() const noexcept;

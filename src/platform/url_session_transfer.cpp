@@ -1,0 +1,304 @@
+// One transfer on a libcurl easy handle: setting the handle up from a URLRequest, reading the
+// response's head and body, and building the request a redirect leads to.
+
+#include <algorithm>
+#include <charconv>
+#include <limits>
+
+#include "platform/url_session_engine.hpp"
+
+namespace zul {
+
+namespace {
+
+constexpr std::size_t notActive = std::numeric_limits<std::size_t>::max();
+
+bool sameASCII(std::string_view a, std::string_view b) noexcept {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        char x = a[i];
+        char y = b[i];
+        if (x >= 'A' && x <= 'Z') x = static_cast<char>(x - 'A' + 'a');
+        if (y >= 'A' && y <= 'Z') y = static_cast<char>(y - 'A' + 'a');
+        if (x != y) return false;
+    }
+    return true;
+}
+
+std::string_view trimmed(std::string_view text) noexcept {
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' || text.back() == '\n')) {
+        text.remove_suffix(1);
+    }
+    return text;
+}
+
+long milliseconds(double seconds) noexcept {
+    constexpr double longest = static_cast<double>(std::numeric_limits<long>::max() / 2);
+    if (!(seconds > 0)) return 0;
+    return static_cast<long>(std::min(seconds * 1000.0, longest));
+}
+
+// Appends "Name: value" to a header list, the form libcurl sends as it is ("Name;" sends a field
+// with an empty value, which "Name:" would remove instead).
+curl_slist* appendHeader(curl_slist* list, std::string& line, std::string_view name, std::string_view value) {
+    line.assign(name);
+    if (value.empty()) {
+        line += ';';
+    } else {
+        line += ": ";
+        line += value;
+    }
+    curl_slist* appended = curl_slist_append(list, line.c_str());
+    if (appended == nullptr) fatalError("out of memory building request headers");
+    return appended;
+}
+
+}  // namespace
+
+// ---- Slots.
+
+TransferSlot& URLSession::Engine::acquireSlot() {
+    TransferSlot* slot = nullptr;
+    if (!freeSlots_.empty()) {
+        slot = freeSlots_.back();
+        freeSlots_.pop_back();
+        curl_easy_reset(slot->easy);  // keeps the handle's buffers; connections live in the multi
+    } else {
+        auto made = std::make_unique<TransferSlot>();
+        made->easy = curl_easy_init();
+        if (made->easy == nullptr) fatalError("curl_easy_init failed");
+        made->engine = this;
+        slot = made.get();
+        slots_.push_back(std::move(made));
+    }
+    slot->activeIndex = notActive;
+    slot->errorText[0] = '\0';
+    return *slot;
+}
+
+void URLSession::Engine::releaseSlot(TransferSlot& slot) {
+    if (slot.activeIndex != notActive) {
+        curl_multi_remove_handle(multi_, slot.easy);
+        TransferSlot* last = active_.back();
+        active_[slot.activeIndex] = last;
+        last->activeIndex = slot.activeIndex;
+        active_.pop_back();
+        slot.activeIndex = notActive;
+    }
+    if (slot.headers != nullptr) {
+        curl_slist_free_all(slot.headers);
+        slot.headers = nullptr;
+    }
+    if (slot.state != nullptr) {
+        slot.state->slot = nullptr;
+        leaveHost(*slot.state);
+        slot.state = nullptr;
+    }
+    slot.task.reset();
+    freeSlots_.push_back(&slot);
+}
+
+// ---- Setting a transfer up.
+
+// Sets the easy handle up for the task's current request. Returns the error that stops the
+// task before it reaches the wire, if any.
+std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSessionTask::State& state) {
+    // Only the transfer thread writes the current request, so it reads it without the lock; the
+    // body libcurl sends from stays where it is until the transfer ends.
+    const URLRequest& request = state.currentRequest;
+    if (!request.url()) return URLError(URLError::badURL, "the request has no URL");
+    const std::string& url = request.url()->absoluteString();
+    const std::string_view scheme = request.url()->scheme();
+    const bool https = sameASCII(scheme, "https");
+    if (!https && !sameASCII(scheme, "http")) {
+        return URLError(URLError::unsupportedURL, "unsupported scheme \"" + std::string(scheme) + "\"");
+    }
+
+    CURL* easy = slot.easy;
+    curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_PRIVATE, static_cast<void*>(&slot));
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, slot.errorText);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Engine::onHeader);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, static_cast<void*>(&slot));
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Engine::onBody);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, static_cast<void*>(&slot));
+    curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);  // a proxy's CONNECT answer is not the response
+    // Redirects go through the delegate; the session follows them itself.
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+    // Over TLS, wait for a connection that may turn out to multiplex instead of opening another.
+    if (https) curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
+
+    // TLS.
+    const long verify = configuration.tlsVerifyPeer ? 1L : 0L;
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, verify);
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, configuration.tlsVerifyPeer ? 2L : 0L);
+    if (configuration.caInfoFile) {
+        // CAINFO replaces the default bundle; the default directory keeps the system's CAs.
+        curl_easy_setopt(easy, CURLOPT_CAINFO, configuration.caInfoFile->c_str());
+        if (const char* systemPath = curl_version_info(CURLVERSION_NOW)->capath) {
+            curl_easy_setopt(easy, CURLOPT_CAPATH, systemPath);
+        }
+    }
+    if (configuration.proxy) curl_easy_setopt(easy, CURLOPT_PROXY, configuration.proxy->c_str());
+
+    // Time-outs: the idle one is the engine's own (checkIdle), libcurl's connect time-out is
+    // lifted to match it, and the resource time-out bounds what is left of the whole task.
+    slot.idleTimeout = detail::idleTimeout(request.timeoutInterval(), configuration.timeoutIntervalForRequest);
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS,
+                     static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(slot.idleTimeout).count()));
+    const double resourceLeft = configuration.timeoutIntervalForResource -
+                                std::chrono::duration<double>(now_ - state.startedAt).count();
+    if (resourceLeft <= 0) return URLError(URLError::timedOut, "the resource time-out has passed");
+    curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, std::max(1L, milliseconds(resourceLeft)));
+    curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, std::max(1L, static_cast<long>(configuration.connectionIdleTimeout)));
+
+    // Method and body: the request's method is sent exactly as given.
+    const std::string& method = request.httpMethod();
+    const std::optional<Data>& body = request.httpBody();
+    if (method == "HEAD") {
+        curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+    } else {
+        if (body || method == "POST") {
+            const Data* bytes = body ? &*body : nullptr;
+            curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE,
+                             static_cast<curl_off_t>(bytes != nullptr ? bytes->size() : 0));
+            curl_easy_setopt(easy, CURLOPT_POSTFIELDS,
+                             bytes != nullptr && !bytes->empty() ? static_cast<const void*>(bytes->data()) : "");
+        }
+        if (method != "GET" || body) {
+            if (method != "POST") curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+        }
+    }
+
+    // Headers: the request's, then the configuration's where the request has none of that name.
+    curl_slist* headers = nullptr;
+    for (const auto& [name, value] : request.allHTTPHeaderFields()) {
+        headers = appendHeader(headers, headerLine_, name, value);
+    }
+    for (const auto& [name, value] : configuration.httpAdditionalHeaders) {
+        if (!request.allHTTPHeaderFields().contains(name)) headers = appendHeader(headers, headerLine_, name, value);
+    }
+    // libcurl would hold a large body back for "100 Continue", a round trip the platform does not make.
+    if (body && !request.allHTTPHeaderFields().contains("Expect")) {
+        curl_slist* appended = curl_slist_append(headers, "Expect:");
+        if (appended == nullptr) fatalError("out of memory building request headers");
+        headers = appended;
+    }
+    slot.headers = headers;
+    if (headers != nullptr) curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+    return std::nullopt;
+}
+
+// ---- Reading the response.
+
+// Header lines, one call each: the status line starts a response (a 1xx is followed by the
+// real one), fields accumulate, and the empty line ends the head: then the response is known.
+// Lines after that are trailers, which the platform does not report.
+std::size_t URLSession::Engine::onHeader(char* buffer, std::size_t size, std::size_t count, void* user) {
+    auto& slot = *static_cast<TransferSlot*>(user);
+    URLSessionTask::State& state = *slot.state;
+    const std::size_t length = size * count;
+    slot.lastActivity = slot.engine->now_;
+    std::string_view line(buffer, length);
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.remove_suffix(1);
+
+    if (line.starts_with("HTTP/")) {
+        state.status = 0;
+        const std::size_t space = line.find(' ');
+        if (space != std::string_view::npos) {
+            const std::string_view code = line.substr(space + 1, 3);
+            std::from_chars(code.data(), code.data() + code.size(), state.status);
+        }
+        state.headers = HTTPHeaders();
+        state.lastHeaderName.clear();
+        state.headersComplete = false;
+        return length;
+    }
+    if (state.headersComplete) return length;  // trailers
+    if (line.empty()) {
+        if (state.status >= 100 && state.status < 200) return length;  // interim; the real one follows
+        state.headersComplete = true;
+        const URLRequest& request = state.currentRequest;
+        state.holdingRedirect = detail::isRedirectStatus(state.status) && state.headers.contains("Location");
+        auto response = std::make_shared<const HTTPURLResponse>(request.url(), state.status, std::move(state.headers));
+        state.headers = HTTPHeaders();
+        const std::lock_guard lock(state.mutex);
+        state.response = std::move(response);
+        return length;
+    }
+    if (line.front() == ' ' || line.front() == '\t') {
+        // An obsolete folded line continues the previous field.
+        if (!state.lastHeaderName.empty()) {
+            std::string value = state.headers.value(state.lastHeaderName).value_or(std::string());
+            value += ' ';
+            value += trimmed(line);
+            state.headers.setValue(std::move(value), state.lastHeaderName);
+        }
+        return length;
+    }
+    const std::size_t colon = line.find(':');
+    if (colon == std::string_view::npos || colon == 0) return length;  // not a field: ignored
+    const std::string_view name = line.substr(0, colon);
+    state.headers.addValue(trimmed(line.substr(colon + 1)), name);
+    state.lastHeaderName.assign(name);
+    return length;
+}
+
+std::size_t URLSession::Engine::onBody(char* buffer, std::size_t size, std::size_t count, void* user) {
+    auto& slot = *static_cast<TransferSlot*>(user);
+    URLSessionTask::State& state = *slot.state;
+    Engine& engine = *slot.engine;
+    const std::size_t length = size * count;
+    slot.lastActivity = engine.now_;
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(buffer);
+    state.body.insert(state.body.end(), bytes, bytes + length);
+    state.bytesReceived.fetch_add(static_cast<std::int64_t>(length), std::memory_order_relaxed);
+    // Bytes of a completion-handler task, or of a redirect that may be followed, wait for the end.
+    if (!state.hasCompletionHandler && !state.holdingRedirect && !state.queuedForDelivery) {
+        state.queuedForDelivery = true;
+        engine.received_.push_back(&state);
+    }
+    return length;
+}
+
+// ---- Redirects.
+
+namespace detail {
+
+std::optional<URLRequest> redirectedRequest(const URLRequest& current, std::int64_t status, std::string_view location) {
+    if (!current.url()) return std::nullopt;
+    CURLU* handle = curl_url();
+    if (handle == nullptr) return std::nullopt;
+    std::optional<URL> target;
+    const std::string base = current.url()->absoluteString();
+    const std::string reference(trimmed(location));
+    constexpr unsigned flags = CURLU_NON_SUPPORT_SCHEME;
+    if (curl_url_set(handle, CURLUPART_URL, base.c_str(), flags) == CURLUE_OK &&
+        curl_url_set(handle, CURLUPART_URL, reference.c_str(), flags) == CURLUE_OK) {
+        char* resolved = nullptr;
+        if (curl_url_get(handle, CURLUPART_URL, &resolved, 0) == CURLUE_OK) {
+            target = URL::fromString(resolved);
+            curl_free(resolved);
+        }
+    }
+    curl_url_cleanup(handle);
+    if (!target) return std::nullopt;
+
+    URLRequest next = current;
+    next.setURL(std::move(target));
+    const std::string& method = current.httpMethod();
+    const bool toGet = ((status == 301 || status == 302) && method == "POST") || (status == 303 && method != "HEAD");
+    if (toGet) {
+        next.setHTTPMethod("GET");
+        next.setHTTPBody(std::nullopt);
+    }
+    return next;
+}
+
+}  // namespace detail
+
+}  // namespace zul

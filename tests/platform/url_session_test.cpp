@@ -1,0 +1,855 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/url_session_engine.hpp"
+#include "support/loopback_server.hpp"
+#include "support/wait.hpp"
+#include "zul/platform/url_session.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using zul::Data;
+using zul::HTTPURLResponse;
+using zul::URL;
+using zul::URLError;
+using zul::URLRequest;
+using zul::URLSession;
+using zul::URLSessionConfiguration;
+using zul::URLSessionTask;
+using zul::URLSessionTaskState;
+using zul::test::LoopbackServer;
+using zul::test::waitUntil;
+
+URLRequest requestFor(const std::string& url) { return URLRequest(URL::fromString(url)); }
+
+// Records what a session reports, checking on every callback that it runs on the delegate queue
+// and that no other callback runs at the same time.
+class Recorder : public zul::URLSessionDelegate {
+public:
+    struct Outcome {
+        std::string body;
+        std::optional<URLError> error;
+        std::shared_ptr<const HTTPURLResponse> response;
+        URLSessionTaskState stateAtCompletion = URLSessionTaskState::running;
+        std::size_t receiveCalls = 0;
+    };
+    struct Redirect {
+        std::int64_t status;
+        std::string newURL;
+        std::string newMethod;
+        bool newHasBody;
+    };
+
+    std::shared_ptr<zul::DispatchQueue> queue = zul::DispatchQueue::create("test.urlsession.delegate");
+    // Redirect answer: follow (default), or refuse.
+    std::atomic<bool> refuseRedirects{false};
+
+    void didReceive(URLSession&, URLSessionTask& task, const Data& data) override {
+        const Enter enter(*this);
+        const std::lock_guard lock(mutex_);
+        if (completed_.count(task.taskIdentifier()) != 0) misordered_ = true;
+        Outcome& outcome = outcomes_[task.taskIdentifier()];
+        outcome.body.append(data.begin(), data.end());
+        ++outcome.receiveCalls;
+        log_.push_back("data " + std::to_string(task.taskIdentifier()));
+    }
+
+    void didCompleteWithError(URLSession&, URLSessionTask& task, const std::optional<URLError>& error) override {
+        const Enter enter(*this);
+        const std::lock_guard lock(mutex_);
+        if (!completed_.insert(task.taskIdentifier()).second) misordered_ = true;
+        Outcome& outcome = outcomes_[task.taskIdentifier()];
+        outcome.error = error;
+        outcome.response = task.response();
+        outcome.stateAtCompletion = task.state();
+        log_.push_back("complete " + std::to_string(task.taskIdentifier()));
+    }
+
+    void willPerformHTTPRedirection(URLSession&, URLSessionTask& task, const HTTPURLResponse& response,
+                                    URLRequest newRequest,
+                                    zul::UniqueFunction<void(std::optional<URLRequest>)> handler) override {
+        const Enter enter(*this);
+        {
+            const std::lock_guard lock(mutex_);
+            redirects_.push_back({response.statusCode(), newRequest.url()->absoluteString(), newRequest.httpMethod(),
+                                  newRequest.httpBody().has_value()});
+            log_.push_back("redirect " + std::to_string(task.taskIdentifier()));
+        }
+        if (refuseRedirects) {
+            handler(std::nullopt);
+        } else {
+            // Answered from another thread, as the delegate may.
+            std::thread([handler = std::move(handler), newRequest]() mutable { handler(newRequest); }).detach();
+        }
+    }
+
+    void didBecomeInvalid(URLSession&) override {
+        const Enter enter(*this);
+        const std::lock_guard lock(mutex_);
+        log_.push_back("invalid");
+    }
+
+    std::size_t completedCount() const {
+        const std::lock_guard lock(mutex_);
+        return completed_.size();
+    }
+    Outcome outcome(std::uint64_t id) const {
+        const std::lock_guard lock(mutex_);
+        auto it = outcomes_.find(id);
+        return it == outcomes_.end() ? Outcome{} : it->second;
+    }
+    std::vector<std::string> log() const {
+        const std::lock_guard lock(mutex_);
+        return log_;
+    }
+    std::vector<Redirect> redirects() const {
+        const std::lock_guard lock(mutex_);
+        return redirects_;
+    }
+    bool wellBehaved() const { return !offQueue_ && !overlapped_ && !misordered_; }
+    bool oneAtATimeInOrder() const { return !overlapped_ && !misordered_; }
+
+private:
+    // Marks a callback's run; flags callbacks off the delegate queue or running concurrently.
+    struct Enter {
+        explicit Enter(Recorder& r) : recorder(r) {
+            if (!recorder.queue->isCurrent()) recorder.offQueue_ = true;
+            if (recorder.inside_.fetch_add(1) != 0) recorder.overlapped_ = true;
+            std::this_thread::yield();  // widens the window in which an overlap would show
+        }
+        ~Enter() { recorder.inside_.fetch_sub(1); }
+        Recorder& recorder;
+    };
+
+    mutable std::mutex mutex_;
+    std::map<std::uint64_t, Outcome> outcomes_;
+    std::set<std::uint64_t> completed_;
+    std::vector<std::string> log_;
+    std::vector<Redirect> redirects_;
+    std::atomic<int> inside_{0};
+    std::atomic<bool> offQueue_{false};
+    std::atomic<bool> overlapped_{false};
+    std::atomic<bool> misordered_{false};
+};
+
+// What a completion-handler task was given.
+struct Handed {
+    std::mutex mutex;
+    bool called = false;
+    int calls = 0;
+    std::optional<Data> data;
+    std::shared_ptr<const HTTPURLResponse> response;
+    std::optional<URLError> error;
+
+    URLSession::CompletionHandler handler() {
+        return [this](std::optional<Data> d, std::shared_ptr<const HTTPURLResponse> r, std::optional<URLError> e) {
+            const std::lock_guard lock(mutex);
+            ++calls;
+            data = std::move(d);
+            response = std::move(r);
+            error = std::move(e);
+            called = true;
+        };
+    }
+    bool done() {
+        const std::lock_guard lock(mutex);
+        return called;
+    }
+};
+
+// Routes shared by most tests.
+// `self` is set once the server exists (handlers read it from the server's threads).
+void standardRoutes(httplib::Server& s, std::atomic<LoopbackServer*>* self) {
+    s.Get("/hello", [](const httplib::Request&, httplib::Response& res) { res.set_content("hello", "text/plain"); });
+    // Echoes the method, the headers the test asks about and the body.
+    auto echo = [](const httplib::Request& req, httplib::Response& res) {
+        std::string text = req.method + "\n";
+        for (const char* name : {"X-Custom", "X-Extra", "Content-Type", "Expect"}) {
+            text += std::string(name) + "=" + (req.has_header(name) ? req.get_header_value(name) : "<none>") + "\n";
+        }
+        text += "body=" + req.body;
+        res.set_content(text, "text/plain");
+        res.set_header("X-Reply", "yes");
+    };
+    s.Get("/echo", echo);
+    s.Post("/echo", echo);
+    s.Put("/echo", echo);
+    s.Delete("/echo", echo);
+    s.Patch("/echo", echo);
+    s.Get("/fail", [](const httplib::Request&, httplib::Response& res) {
+        res.status = 500;
+        res.set_content("broken", "text/plain");
+    });
+    // 64 KiB in 16 chunks, so that the body arrives over several rounds.
+    s.Get("/big", [](const httplib::Request&, httplib::Response& res) {
+        res.set_chunked_content_provider("application/octet-stream", [](std::size_t offset, httplib::DataSink& sink) {
+            if (offset >= 65536) {
+                sink.done();
+                return true;
+            }
+            std::string chunk(4096, static_cast<char>('a' + offset / 4096));
+            sink.write(chunk.data(), chunk.size());
+            std::this_thread::sleep_for(1ms);
+            return true;
+        });
+    });
+    s.Get("/slow", [self](const httplib::Request&, httplib::Response& res) {
+        self->load()->pause(5s);
+        res.set_content("late", "text/plain");
+    });
+    // Sends one byte every 200 ms for 1.6 s: never idle for a whole second.
+    s.Get("/drip", [](const httplib::Request&, httplib::Response& res) {
+        res.set_chunked_content_provider("text/plain", [](std::size_t offset, httplib::DataSink& sink) {
+            if (offset >= 8) {
+                sink.done();
+                return true;
+            }
+            std::this_thread::sleep_for(200ms);
+            sink.write("x", 1);
+            return true;
+        });
+    });
+    s.Get("/pause", [self](const httplib::Request& req, httplib::Response& res) {
+        self->load()->pause(std::chrono::milliseconds(std::stoi(req.get_param_value("ms"))));
+        res.set_content("paused", "text/plain");
+    });
+    s.Get("/redirect", [](const httplib::Request&, httplib::Response& res) {
+        res.status = 302;
+        res.set_header("Location", "/hello");
+        res.set_content("moved", "text/plain");
+    });
+    s.Post("/see-other", [](const httplib::Request&, httplib::Response& res) {
+        res.status = 303;
+        res.set_header("Location", "echo");  // relative to /see-other
+        res.set_content("see other", "text/plain");
+    });
+    s.Post("/temporary", [](const httplib::Request&, httplib::Response& res) {
+        res.status = 307;
+        res.set_header("Location", "/echo");
+    });
+    s.Get("/loop", [](const httplib::Request&, httplib::Response& res) {
+        res.status = 301;
+        res.set_header("Location", "/loop");
+    });
+}
+
+// A server with the standard routes.
+struct StandardServer {
+    std::atomic<LoopbackServer*> self{nullptr};
+    LoopbackServer server{[this](httplib::Server& s) { standardRoutes(s, &self); }};
+    StandardServer() { self = &server; }
+};
+
+// ---- URLError and the pieces of the engine that need no network.
+
+TEST(URLErrorTest, NamesTheCaseAndDescribesCodeNameAndMessage) {
+    EXPECT_STREQ(URLError(URLError::timedOut).what(), "timedOut");
+    EXPECT_STREQ(URLError(-999).what(), "cancelled");
+    EXPECT_STREQ(URLError(-1007).what(), "httpTooManyRedirects");
+    EXPECT_STREQ(URLError(-1009).what(), "notConnectedToInternet");
+    EXPECT_STREQ(URLError(-1).what(), "unknown");
+    EXPECT_STREQ(URLError(-4242).what(), "URLError");
+    EXPECT_EQ(URLError(-1001, "Operation timed out after 2000 milliseconds").description(),
+              "URLError(-1001 timedOut): Operation timed out after 2000 milliseconds");
+    EXPECT_EQ(URLError(-999).description(), "URLError(-999 cancelled)");
+    EXPECT_EQ(URLError(-4242, "odd").description(), "URLError(-4242): odd");
+    // Equal by code; the message is only an explanation.
+    EXPECT_EQ(URLError(-1004, "a"), URLError(-1004, "b"));
+    EXPECT_NE(URLError(-1004), URLError(-1005));
+    EXPECT_STREQ(URLError::domain, "NSURLErrorDomain");
+}
+
+TEST(URLErrorTest, LibcurlFailuresMapOntoThePlatformCodes) {
+    using zul::detail::urlErrorFromCurl;
+    EXPECT_EQ(urlErrorFromCurl(CURLE_OPERATION_TIMEDOUT, 0, "").code(), -1001);
+    EXPECT_EQ(urlErrorFromCurl(CURLE_COULDNT_RESOLVE_HOST, 0, "").code(), -1003);
+    EXPECT_EQ(urlErrorFromCurl(CURLE_COULDNT_CONNECT, ECONNREFUSED, "").code(), -1004);
+    EXPECT_EQ(urlErrorFromCurl(CURLE_COULDNT_CONNECT, ENETUNREACH, "").code(), -1009);
+    EXPECT_EQ(urlErrorFromCurl(CURLE_COULDNT_CONNECT, EHOSTUNREACH, "").code(), -1009);
+    EXPECT_EQ(urlErrorFromCurl(CURLE_COULDNT_CONNECT, ETIMEDOUT, "").code(), -1001);
+    EXPECT_EQ(urlErrorFromCurl(CURLE_RECV_ERROR, ECONNRESET, "").code(), -1005);
+    EXPECT_EQ(urlErrorFromCurl(CURLE_SEND_ERROR, EPIPE, "").code(), -1005);
+    EXPECT_EQ(urlErrorFromCurl(CURLE_SEND_ERROR, ENETUNREACH, "").code(), -1009);
+    EXPECT_EQ(urlErrorFromCurl(CURLE_PARTIAL_FILE, 0, "").code(), -1005);
+    EXPECT_EQ(urlErrorFromCurl(CURLE_GOT_NOTHING, 0, "").code(), -1011);
+    EXPECT_EQ(urlErrorFromCurl(CURLE_UNSUPPORTED_PROTOCOL, 0, "").code(), -1002);
+    EXPECT_EQ(urlErrorFromCurl(CURLE_SSL_CONNECT_ERROR, 0, "").code(), -1);
+    // libcurl's own text, or its description of the code when it gave none.
+    EXPECT_EQ(urlErrorFromCurl(CURLE_COULDNT_CONNECT, ECONNREFUSED, "Connection refused").message(), "Connection refused");
+    EXPECT_EQ(urlErrorFromCurl(CURLE_GOT_NOTHING, 0, "").message(), curl_easy_strerror(CURLE_GOT_NOTHING));
+}
+
+TEST(URLErrorTest, IdleTimeOutCountsWholeSecondsAndFallsBackToTheConfiguration) {
+    using zul::detail::idleTimeout;
+    EXPECT_EQ(idleTimeout(2.5, 60), 2s);
+    EXPECT_EQ(idleTimeout(1.0, 60), 1s);
+    EXPECT_EQ(idleTimeout(0, 7.9), 7s);
+    EXPECT_EQ(idleTimeout(-3, 15), 15s);
+    EXPECT_EQ(idleTimeout(0.4, 60), 1s);  // never under a second
+}
+
+TEST(URLErrorTest, RedirectedRequestsResolveTheLocationAndRewriteTheMethodAsThePlatformDoes) {
+    using zul::detail::redirectedRequest;
+    URLRequest post = requestFor("http://h.test/a/b?q=1");
+    post.setHTTPMethod("POST");
+    post.setHTTPBody(zul::dataFromString("payload"));
+    post.setValue("yes", "X-Keep");
+
+    for (int status : {301, 302}) {
+        auto next = redirectedRequest(post, status, "c");
+        ASSERT_TRUE(next);
+        EXPECT_EQ(next->url()->absoluteString(), "http://h.test/a/c");
+        EXPECT_EQ(next->httpMethod(), "GET");
+        EXPECT_FALSE(next->httpBody());
+        EXPECT_EQ(next->value("X-Keep"), "yes");
+    }
+    for (int status : {307, 308}) {
+        auto next = redirectedRequest(post, status, "/root");
+        ASSERT_TRUE(next);
+        EXPECT_EQ(next->url()->absoluteString(), "http://h.test/root");
+        EXPECT_EQ(next->httpMethod(), "POST");
+        EXPECT_EQ(next->httpBody(), zul::dataFromString("payload"));
+    }
+    URLRequest put = post;
+    put.setHTTPMethod("PUT");
+    EXPECT_EQ(redirectedRequest(put, 303, "//other.test/x")->url()->absoluteString(), "http://other.test/x");
+    EXPECT_EQ(redirectedRequest(put, 303, "/x")->httpMethod(), "GET");
+    EXPECT_EQ(redirectedRequest(put, 302, "/x")->httpMethod(), "PUT");  // only POST turns into GET
+    URLRequest head = requestFor("http://h.test/");
+    head.setHTTPMethod("HEAD");
+    EXPECT_EQ(redirectedRequest(head, 303, "https://secure.test/")->httpMethod(), "HEAD");
+    EXPECT_EQ(redirectedRequest(head, 303, "https://secure.test/")->url()->absoluteString(), "https://secure.test/");
+    EXPECT_FALSE(redirectedRequest(head, 302, "http://bad host/"));
+}
+
+// ---- Transfers against a loopback server.
+
+TEST(URLSessionTest, SendsMethodsHeadersAndBodiesAndReportsTheResponse) {
+    StandardServer s;
+    auto recorder = std::make_shared<Recorder>();
+    URLSessionConfiguration configuration;
+    configuration.httpAdditionalHeaders.setValue("from-configuration", "X-Extra");
+    configuration.httpAdditionalHeaders.setValue("from-configuration", "X-Custom");
+    auto session = URLSession::create(configuration, recorder, recorder->queue);
+
+    URLRequest post = requestFor(s.server.url("/echo"));
+    post.setHTTPMethod("POST");
+    post.setValue("from-request", "X-Custom");
+    post.setValue("application/json", "Content-Type");
+    post.setHTTPBody(zul::dataFromString(std::string(3000, 'p')));  // large enough for libcurl to want "Expect"
+    URLRequest put = requestFor(s.server.url("/echo"));
+    put.setHTTPMethod("PUT");
+    put.setHTTPBody(zul::dataFromString("put-body"));
+    URLRequest del = requestFor(s.server.url("/echo"));
+    del.setHTTPMethod("DELETE");
+    URLRequest head = requestFor(s.server.url("/echo"));
+    head.setHTTPMethod("HEAD");
+    URLRequest emptyPost = requestFor(s.server.url("/echo"));
+    emptyPost.setHTTPMethod("POST");
+
+    std::vector<std::shared_ptr<URLSessionTask>> tasks;
+    for (const URLRequest& request : {requestFor(s.server.url("/echo")), post, put, del, head, emptyPost}) {
+        tasks.push_back(session->dataTask(request));
+        tasks.back()->resume();
+    }
+    ASSERT_TRUE(waitUntil([&] { return recorder->completedCount() == tasks.size(); }));
+
+    auto bodyOf = [&](std::size_t i) { return recorder->outcome(tasks[i]->taskIdentifier()).body; };
+    EXPECT_EQ(bodyOf(0), "GET\nX-Custom=from-configuration\nX-Extra=from-configuration\nContent-Type=<none>\n"
+                         "Expect=<none>\nbody=");
+    EXPECT_EQ(bodyOf(1), "POST\nX-Custom=from-request\nX-Extra=from-configuration\nContent-Type=application/json\n"
+                         "Expect=<none>\nbody=" + std::string(3000, 'p'));
+    EXPECT_EQ(bodyOf(2).substr(0, 4), "PUT\n");
+    EXPECT_NE(bodyOf(2).find("body=put-body"), std::string::npos);
+    EXPECT_EQ(bodyOf(3).substr(0, 7), "DELETE\n");
+    EXPECT_EQ(bodyOf(4), "");  // HEAD: headers only
+    EXPECT_EQ(bodyOf(5).substr(0, 5), "POST\n");
+
+    for (const auto& task : tasks) {
+        const auto outcome = recorder->outcome(task->taskIdentifier());
+        EXPECT_FALSE(outcome.error) << outcome.error->description();
+        ASSERT_TRUE(outcome.response);
+        EXPECT_EQ(outcome.response->statusCode(), 200);
+        EXPECT_EQ(outcome.response->value("x-reply"), "yes");  // names match in any case
+        EXPECT_EQ(outcome.response->url(), task->originalRequest().url());
+        EXPECT_EQ(outcome.stateAtCompletion, URLSessionTaskState::completed);
+        EXPECT_EQ(task->countOfBytesReceived(), static_cast<std::int64_t>(outcome.body.size()));
+    }
+    const auto headResponse = recorder->outcome(tasks[4]->taskIdentifier()).response;
+    ASSERT_TRUE(headResponse->value("Content-Length"));
+    EXPECT_NE(headResponse->value("Content-Length"), "0");  // the length of the body it did not send
+    EXPECT_TRUE(recorder->wellBehaved());
+
+    // Connections are kept and reused: the same requests again, one after the other, open none.
+    const std::size_t connections = s.server.connectionCount();
+    for (const auto& task : tasks) {
+        Handed again;
+        session->dataTask(task->originalRequest(), again.handler())->resume();
+        ASSERT_TRUE(waitUntil([&] { return again.done(); }));
+        EXPECT_FALSE(again.error);
+    }
+    EXPECT_EQ(s.server.connectionCount(), connections);
+}
+
+TEST(URLSessionTest, DelegateCallbacksArriveOnTheQueueInOrderOneAtATime) {
+    StandardServer s;
+    // A concurrent queue as delegate queue: the session still calls the delegate one at a time.
+    auto recorder = std::make_shared<Recorder>();
+    recorder->queue = zul::DispatchQueue::global();
+    auto session = URLSession::create(URLSessionConfiguration(), recorder, recorder->queue);
+    EXPECT_EQ(session->delegateQueue(), recorder->queue);
+    std::vector<std::shared_ptr<URLSessionTask>> tasks;
+    for (int i = 0; i < 8; ++i) {
+        tasks.push_back(session->dataTask(requestFor(s.server.url(i % 2 == 0 ? "/big" : "/hello"))));
+        tasks.back()->resume();
+    }
+    ASSERT_TRUE(waitUntil([&] { return recorder->completedCount() == tasks.size(); }));
+    // (Jobs of the serial queue the session puts in front of a global queue do not count as
+    // the global queue's own, so only order and exclusion are checked here.)
+    EXPECT_TRUE(recorder->oneAtATimeInOrder());
+
+    std::string expectedBig;
+    for (int chunk = 0; chunk < 16; ++chunk) expectedBig += std::string(4096, static_cast<char>('a' + chunk));
+    for (std::size_t i = 0; i < tasks.size(); ++i) {
+        const auto outcome = recorder->outcome(tasks[i]->taskIdentifier());
+        EXPECT_EQ(outcome.body, i % 2 == 0 ? expectedBig : "hello");
+        EXPECT_GE(outcome.receiveCalls, 1u);
+    }
+    // The big bodies came in over time: gathered per round, so in several calls but far fewer
+    // than libcurl's writes.
+    EXPECT_GT(recorder->outcome(tasks[0]->taskIdentifier()).receiveCalls, 1u);
+
+    // For each task, every "data" comes before its one "complete".
+    const auto log = recorder->log();
+    for (const auto& task : tasks) {
+        const std::string id = std::to_string(task->taskIdentifier());
+        auto complete = std::find(log.begin(), log.end(), "complete " + id);
+        ASSERT_NE(complete, log.end());
+        EXPECT_EQ(std::find(complete, log.end(), "data " + id), log.end());
+    }
+}
+
+TEST(URLSessionTest, CompletionHandlerTasksGetDataResponseAndErrorOnce) {
+    StandardServer s;
+    auto recorder = std::make_shared<Recorder>();
+    auto session = URLSession::create(URLSessionConfiguration(), recorder, recorder->queue);
+
+    Handed ok;
+    Handed serverError;
+    Handed refused;
+    auto a = session->dataTask(requestFor(s.server.url("/big")), ok.handler());
+    auto b = session->dataTask(requestFor(s.server.url("/fail")), serverError.handler());
+    auto c = session->dataTask(requestFor("http://127.0.0.1:" + std::to_string(zul::test::unusedLoopbackPort()) + "/"),
+                               refused.handler());
+    for (auto* task : {a.get(), b.get(), c.get()}) task->resume();
+    ASSERT_TRUE(waitUntil([&] { return ok.done() && serverError.done() && refused.done(); }));
+
+    EXPECT_EQ(ok.data->size(), 65536u);
+    EXPECT_EQ(ok.response->statusCode(), 200);
+    EXPECT_FALSE(ok.error);
+    // A 500 is a successful transfer: the status tells the rest.
+    EXPECT_EQ(serverError.data, zul::dataFromString("broken"));
+    EXPECT_EQ(serverError.response->statusCode(), 500);
+    EXPECT_FALSE(serverError.error);
+    EXPECT_FALSE(refused.data);
+    EXPECT_FALSE(refused.response);
+    ASSERT_TRUE(refused.error);
+    EXPECT_EQ(refused.error->code(), URLError::cannotConnectToHost);
+    EXPECT_EQ(c->error(), refused.error);
+    EXPECT_EQ(c->state(), URLSessionTaskState::completed);
+
+    std::this_thread::sleep_for(50ms);  // a second call or a delegate callback would show by now
+    EXPECT_EQ(ok.calls + serverError.calls + refused.calls, 3);
+    EXPECT_TRUE(recorder->log().empty());  // the delegate hears nothing of these tasks
+}
+
+TEST(URLSessionTest, FollowsRedirectsTheDelegateAccepts) {
+    StandardServer s;
+    auto recorder = std::make_shared<Recorder>();
+    auto session = URLSession::create(URLSessionConfiguration(), recorder, recorder->queue);
+
+    auto task = session->dataTask(requestFor(s.server.url("/redirect")));
+    task->resume();
+    ASSERT_TRUE(waitUntil([&] { return recorder->completedCount() == 1; }));
+    const auto outcome = recorder->outcome(task->taskIdentifier());
+    ASSERT_EQ(recorder->redirects().size(), 1u);
+    EXPECT_EQ(recorder->redirects()[0].status, 302);
+    EXPECT_EQ(recorder->redirects()[0].newURL, s.server.url("/hello"));
+    EXPECT_EQ(recorder->log().front(), "redirect " + std::to_string(task->taskIdentifier()));
+    EXPECT_FALSE(outcome.error);
+    EXPECT_EQ(outcome.body, "hello");  // the 302's own body ("moved") is not delivered
+    EXPECT_EQ(outcome.response->statusCode(), 200);
+    EXPECT_EQ(outcome.response->url()->absoluteString(), s.server.url("/hello"));
+    EXPECT_EQ(task->currentRequest().url()->absoluteString(), s.server.url("/hello"));
+    EXPECT_EQ(task->originalRequest().url()->absoluteString(), s.server.url("/redirect"));
+
+    // 303 after POST: the next request is a GET without body, to the relative Location.
+    URLRequest post = requestFor(s.server.url("/see-other"));
+    post.setHTTPMethod("POST");
+    post.setHTTPBody(zul::dataFromString("form"));
+    post.setValue("kept", "X-Custom");
+    Handed seeOther;
+    session->dataTask(post, seeOther.handler())->resume();
+    // 307 after POST: method and body stay.
+    URLRequest temporary = post;
+    temporary.setURL(URL::fromString(s.server.url("/temporary")));
+    Handed kept;
+    session->dataTask(temporary, kept.handler())->resume();
+    ASSERT_TRUE(waitUntil([&] { return seeOther.done() && kept.done(); }));
+    EXPECT_EQ(zul::stringFromData(*seeOther.data),
+              "GET\nX-Custom=kept\nX-Extra=<none>\nContent-Type=<none>\nExpect=<none>\nbody=");
+    EXPECT_EQ(zul::stringFromData(*kept.data).substr(0, 5), "POST\n");
+    EXPECT_NE(zul::stringFromData(*kept.data).find("body=form"), std::string::npos);
+    EXPECT_TRUE(recorder->wellBehaved());
+}
+
+TEST(URLSessionTest, ARefusedRedirectCompletesWithTheRedirectResponseAndBody) {
+    StandardServer s;
+    auto recorder = std::make_shared<Recorder>();
+    recorder->refuseRedirects = true;
+    auto session = URLSession::create(URLSessionConfiguration(), recorder, recorder->queue);
+    auto task = session->dataTask(requestFor(s.server.url("/redirect")));
+    task->resume();
+    Handed handed;
+    session->dataTask(requestFor(s.server.url("/redirect")), handed.handler())->resume();
+    ASSERT_TRUE(waitUntil([&] { return recorder->completedCount() == 1 && handed.done(); }));
+
+    const auto outcome = recorder->outcome(task->taskIdentifier());
+    EXPECT_FALSE(outcome.error);
+    EXPECT_EQ(outcome.response->statusCode(), 302);
+    EXPECT_EQ(outcome.response->value("Location"), "/hello");
+    EXPECT_EQ(outcome.body, "moved");
+    EXPECT_EQ(handed.response->statusCode(), 302);
+    EXPECT_EQ(handed.data, zul::dataFromString("moved"));
+    EXPECT_EQ(s.server.requestCount(), 2u);  // "/hello" was never asked for
+}
+
+TEST(URLSessionTest, RedirectLoopsStopWithTooManyRedirects) {
+    StandardServer s;
+    auto session = URLSession::create();
+    Handed handed;
+    session->dataTask(requestFor(s.server.url("/loop")), handed.handler())->resume();
+    ASSERT_TRUE(waitUntil([&] { return handed.done(); }));
+    ASSERT_TRUE(handed.error);
+    EXPECT_EQ(handed.error->code(), URLError::httpTooManyRedirects);
+    EXPECT_EQ(s.server.requestCount(), 17u);  // the first request and 16 redirects
+}
+
+TEST(URLSessionTest, IdleTransfersTimeOutButSlowSteadyOnesDoNot) {
+    StandardServer s;
+    auto session = URLSession::create();
+    URLRequest slow = requestFor(s.server.url("/slow"));
+    slow.setTimeoutInterval(1.5);  // counts as 1 s
+    URLRequest drip = requestFor(s.server.url("/drip"));
+    drip.setTimeoutInterval(1);
+    Handed timedOut;
+    Handed steady;
+    const auto start = std::chrono::steady_clock::now();
+    auto slowTask = session->dataTask(slow, timedOut.handler());
+    slowTask->resume();
+    session->dataTask(drip, steady.handler())->resume();
+    ASSERT_TRUE(waitUntil([&] { return timedOut.done() && steady.done(); }));
+    ASSERT_TRUE(timedOut.error);
+    EXPECT_EQ(timedOut.error->code(), URLError::timedOut);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 1s);
+    EXPECT_EQ(slowTask->state(), URLSessionTaskState::completed);
+    EXPECT_FALSE(steady.error) << steady.error->description();  // 1.6 s in all, never a second idle
+    EXPECT_EQ(steady.data, zul::dataFromString("xxxxxxxx"));
+
+    // The configuration's resource time-out bounds the whole transfer, however busy.
+    URLSessionConfiguration configuration;
+    configuration.timeoutIntervalForResource = 1;
+    auto bounded = URLSession::create(configuration);
+    Handed cut;
+    bounded->dataTask(drip, cut.handler())->resume();
+    ASSERT_TRUE(waitUntil([&] { return cut.done(); }));
+    ASSERT_TRUE(cut.error);
+    EXPECT_EQ(cut.error->code(), URLError::timedOut);
+}
+
+TEST(URLSessionTest, TransportFailuresCarryThePlatformCodes) {
+    auto session = URLSession::create();
+    Handed refused;
+    Handed unknownHost;
+    Handed unsupported;
+    Handed noURL;
+    session->dataTask(requestFor("http://127.0.0.1:" + std::to_string(zul::test::unusedLoopbackPort()) + "/x"),
+                      refused.handler())
+        ->resume();
+    session->dataTask(requestFor("http://nonexistent.invalid/"), unknownHost.handler())->resume();
+    session->dataTask(requestFor("ftp://127.0.0.1/file"), unsupported.handler())->resume();
+    session->dataTask(URLRequest(), noURL.handler())->resume();
+    ASSERT_TRUE(waitUntil([&] { return refused.done() && unknownHost.done() && unsupported.done() && noURL.done(); }));
+    EXPECT_EQ(refused.error->code(), URLError::cannotConnectToHost);
+    EXPECT_FALSE(refused.error->message().empty());
+    EXPECT_EQ(unknownHost.error->code(), URLError::cannotFindHost);
+    EXPECT_EQ(unsupported.error->code(), URLError::unsupportedURL);
+    EXPECT_EQ(noURL.error->code(), URLError::badURL);
+
+    // A server that closes the connection without answering (httplib always answers, so this
+    // one is a bare socket).
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(fd, 4), 0);
+    socklen_t length = sizeof address;
+    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    std::thread closer([fd] {
+        const int client = ::accept(fd, nullptr, nullptr);
+        char buffer[1024];
+        (void)::recv(client, buffer, sizeof buffer, 0);  // read the request, answer nothing
+        ::close(client);
+    });
+    Handed empty;
+    session->dataTask(requestFor("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/"), empty.handler())
+        ->resume();
+    ASSERT_TRUE(waitUntil([&] { return empty.done(); }));
+    closer.join();
+    ::close(fd);
+    EXPECT_EQ(empty.error->code(), URLError::badServerResponse);
+}
+
+TEST(URLSessionTest, TLSIsVerifiedUnlessSwitchedOffAndTrustsTheConfiguredAuthority) {
+    const auto identity = zul::test::TLSIdentity::selfSigned();
+    LoopbackServer server(identity, [](httplib::Server& s) {
+        s.Get("/hello", [](const httplib::Request&, httplib::Response& res) { res.set_content("secure", "text/plain"); });
+    });
+    ASSERT_EQ(server.url("/hello").substr(0, 8), "https://");
+    char path[] = "/tmp/zul-url-session-ca-XXXXXX";
+    const int fd = ::mkstemp(path);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::write(fd, identity.certificatePEM.data(), identity.certificatePEM.size()),
+              static_cast<ssize_t>(identity.certificatePEM.size()));
+    ::close(fd);
+
+    URLSessionConfiguration unverified;
+    unverified.tlsVerifyPeer = false;
+    URLSessionConfiguration trusting;
+    trusting.caInfoFile = path;
+    auto strict = URLSession::create();
+    auto lax = URLSession::create(unverified);
+    auto trusted = URLSession::create(trusting);
+    Handed refused;
+    Handed accepted;
+    Handed verified;
+    strict->dataTask(requestFor(server.url("/hello")), refused.handler())->resume();
+    lax->dataTask(requestFor(server.url("/hello")), accepted.handler())->resume();
+    trusted->dataTask(requestFor(server.url("/hello")), verified.handler())->resume();
+    ASSERT_TRUE(waitUntil([&] { return refused.done() && accepted.done() && verified.done(); }));
+    ::unlink(path);
+
+    ASSERT_TRUE(refused.error);  // a certificate nobody vouches for
+    EXPECT_EQ(refused.error->code(), URLError::unknown);
+    EXPECT_NE(refused.error->message().find("certificate"), std::string::npos) << refused.error->message();
+    EXPECT_FALSE(accepted.error) << accepted.error->description();
+    EXPECT_EQ(accepted.data, zul::dataFromString("secure"));
+    EXPECT_FALSE(verified.error) << verified.error->description();
+    EXPECT_EQ(verified.data, zul::dataFromString("secure"));
+}
+
+TEST(URLSessionTest, TaskStatesAndCancellation) {
+    StandardServer s;
+    auto recorder = std::make_shared<Recorder>();
+    auto session = URLSession::create(URLSessionConfiguration(), recorder, recorder->queue);
+
+    auto task = session->dataTask(requestFor(s.server.url("/hello")));
+    EXPECT_EQ(task->state(), URLSessionTaskState::suspended);
+    EXPECT_FALSE(task->response());
+    EXPECT_EQ(task->taskIdentifier() + 1, session->dataTask(requestFor(s.server.url("/hello")))->taskIdentifier());
+    task->resume();
+    EXPECT_NE(task->state(), URLSessionTaskState::suspended);
+    ASSERT_TRUE(waitUntil([&] { return recorder->completedCount() == 1; }));
+    EXPECT_EQ(task->state(), URLSessionTaskState::completed);
+    EXPECT_EQ(task->response()->statusCode(), 200);
+    task->resume();  // nothing happens to a completed task
+    task->cancel();
+    EXPECT_FALSE(task->error());
+
+    // Cancelling a running transfer: -999, completed, reported once.
+    auto slow = session->dataTask(requestFor(s.server.url("/slow")));
+    slow->resume();
+    EXPECT_EQ(slow->state(), URLSessionTaskState::running);
+    ASSERT_TRUE(waitUntil([&] { return s.server.requestCount() == 2; }));  // it is on the wire
+    slow->cancel();
+    EXPECT_TRUE(slow->state() == URLSessionTaskState::canceling || slow->state() == URLSessionTaskState::completed);
+    slow->cancel();
+    ASSERT_TRUE(waitUntil([&] { return recorder->completedCount() == 2; }));
+    auto outcome = recorder->outcome(slow->taskIdentifier());
+    ASSERT_TRUE(outcome.error);
+    EXPECT_EQ(outcome.error->code(), URLError::cancelled);
+    EXPECT_EQ(outcome.stateAtCompletion, URLSessionTaskState::completed);
+    EXPECT_EQ(slow->error()->code(), URLError::cancelled);
+
+    // Cancelling a suspended task reports it too; resuming it afterwards does nothing.
+    auto suspended = session->dataTask(requestFor(s.server.url("/hello")));
+    suspended->cancel();
+    suspended->resume();
+    ASSERT_TRUE(waitUntil([&] { return recorder->completedCount() == 3; }));
+    EXPECT_EQ(recorder->outcome(suspended->taskIdentifier()).error->code(), URLError::cancelled);
+    EXPECT_EQ(suspended->state(), URLSessionTaskState::completed);
+    std::this_thread::sleep_for(50ms);
+    EXPECT_EQ(s.server.requestCount(), 2u);
+    EXPECT_TRUE(recorder->wellBehaved());
+}
+
+TEST(URLSessionTest, ThousandsOfTasksShareAFewConnections) {
+    StandardServer s;
+    URLSessionConfiguration configuration;
+    configuration.maximumConnections = 4;
+    auto session = URLSession::create(configuration);
+    constexpr int count = 2000;
+    std::atomic<int> succeeded{0};
+    std::atomic<int> finished{0};
+    std::vector<std::shared_ptr<URLSessionTask>> tasks;
+    tasks.reserve(count);
+    for (int i = 0; i < count; ++i) {
+        tasks.push_back(session->dataTask(
+            requestFor(s.server.url("/hello")),
+            [&](std::optional<Data> data, std::shared_ptr<const HTTPURLResponse> response, std::optional<URLError>) {
+                if (data == zul::dataFromString("hello") && response && response->statusCode() == 200) ++succeeded;
+                ++finished;
+            }));
+    }
+    for (auto& task : tasks) task->resume();
+    ASSERT_TRUE(waitUntil([&] { return finished == count; }, 120s));
+    EXPECT_EQ(succeeded, count);
+    EXPECT_EQ(s.server.requestCount(), static_cast<std::size_t>(count));
+    EXPECT_LE(s.server.peakConnections(), 4u);
+}
+
+TEST(URLSessionTest, EachOriginGetsItsShareOfConnectionsAndWaitingIsNotIdleness) {
+    StandardServer first;
+    StandardServer second;
+    URLSessionConfiguration configuration;
+    configuration.maximumConnections = 4;
+    configuration.httpMaximumConnectionsPerHost = 2;
+    auto session = URLSession::create(configuration);
+    std::atomic<int> succeeded{0};
+    std::atomic<int> finished{0};
+    constexpr int count = 300;
+    for (int i = 0; i < count; ++i) {
+        const auto& server = i % 3 == 0 ? second.server : first.server;  // unequal shares
+        session
+            ->dataTask(requestFor(server.url("/hello")),
+                       [&](std::optional<Data> data, std::shared_ptr<const HTTPURLResponse>, std::optional<URLError>) {
+                           if (data == zul::dataFromString("hello")) ++succeeded;
+                           ++finished;
+                       })
+            ->resume();
+    }
+    ASSERT_TRUE(waitUntil([&] { return finished == count; }, 60s));
+    EXPECT_EQ(succeeded, count);
+    EXPECT_LE(first.server.peakConnections(), 2u);
+    EXPECT_LE(second.server.peakConnections(), 2u);
+
+    // One connection, five answers of 0.5 s each, an idle time-out of 2 s: the last task waits
+    // 2 s in the session's line, which is not idle time on the wire.
+    configuration.httpMaximumConnectionsPerHost = 1;
+    auto serial = URLSession::create(configuration);
+    std::vector<Handed> handed(5);
+    for (Handed& h : handed) {
+        URLRequest request = requestFor(first.server.url("/pause?ms=500"));
+        request.setTimeoutInterval(2);
+        serial->dataTask(request, h.handler())->resume();
+    }
+    ASSERT_TRUE(waitUntil([&] { return std::all_of(handed.begin(), handed.end(), [](Handed& h) { return h.done(); }); }));
+    for (Handed& h : handed) EXPECT_FALSE(h.error) << h.error->description();
+}
+
+TEST(URLSessionTest, InvalidatingCancelsOrFinishesAndThenReportsInvalid) {
+    StandardServer s;
+    {
+        auto recorder = std::make_shared<Recorder>();
+        auto session = URLSession::create(URLSessionConfiguration(), recorder, recorder->queue);
+        auto running = session->dataTask(requestFor(s.server.url("/slow")));
+        running->resume();
+        auto suspended = session->dataTask(requestFor(s.server.url("/slow")));
+        ASSERT_TRUE(waitUntil([&] { return s.server.requestCount() == 1; }));
+        session->invalidateAndCancel();
+        ASSERT_TRUE(waitUntil([&] { return recorder->log().size() == 3; }));
+        EXPECT_EQ(recorder->outcome(running->taskIdentifier()).error->code(), URLError::cancelled);
+        EXPECT_EQ(recorder->outcome(suspended->taskIdentifier()).error->code(), URLError::cancelled);
+        EXPECT_EQ(recorder->log().back(), "invalid");
+
+        // An invalid session runs nothing new and tells the delegate nothing more.
+        Handed late;
+        session->dataTask(requestFor(s.server.url("/hello")), late.handler())->resume();
+        ASSERT_TRUE(waitUntil([&] { return late.done(); }));
+        EXPECT_EQ(late.error->code(), URLError::cancelled);
+        auto another = session->dataTask(requestFor(s.server.url("/hello")));
+        another->resume();
+        ASSERT_TRUE(waitUntil([&] { return another->state() == URLSessionTaskState::completed; }));
+        std::this_thread::sleep_for(50ms);
+        EXPECT_EQ(recorder->log().size(), 3u);
+        EXPECT_EQ(s.server.requestCount(), 1u);
+    }
+    {
+        auto recorder = std::make_shared<Recorder>();
+        auto session = URLSession::create(URLSessionConfiguration(), recorder, recorder->queue);
+        auto big = session->dataTask(requestFor(s.server.url("/big")));
+        auto drip = session->dataTask(requestFor(s.server.url("/drip")));
+        big->resume();
+        drip->resume();
+        session->finishTasksAndInvalidate();
+        ASSERT_TRUE(waitUntil([&] { return recorder->log().size() >= 2 && recorder->log().back() == "invalid"; }));
+        EXPECT_FALSE(recorder->outcome(big->taskIdentifier()).error);
+        EXPECT_EQ(recorder->outcome(big->taskIdentifier()).body.size(), 65536u);
+        EXPECT_EQ(recorder->outcome(drip->taskIdentifier()).body, "xxxxxxxx");
+        EXPECT_TRUE(recorder->wellBehaved());
+    }
+}
+
+TEST(URLSessionTest, DestroyingTheSessionCancelsWhatIsInFlight) {
+    StandardServer s;
+    auto recorder = std::make_shared<Recorder>();
+    Handed slow;
+    Handed queued;
+    std::shared_ptr<URLSessionTask> delegateTask;
+    {
+        URLSessionConfiguration configuration;
+        configuration.maximumConnections = 1;
+        auto session = URLSession::create(configuration, recorder, recorder->queue);
+        session->dataTask(requestFor(s.server.url("/slow")), slow.handler())->resume();
+        session->dataTask(requestFor(s.server.url("/hello")), queued.handler())->resume();  // waits in line
+        delegateTask = session->dataTask(requestFor(s.server.url("/slow")));
+        delegateTask->resume();
+        ASSERT_TRUE(waitUntil([&] { return s.server.requestCount() == 1; }));
+        const auto start = std::chrono::steady_clock::now();
+        session.reset();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);  // it does not wait for the server
+    }
+    ASSERT_TRUE(waitUntil([&] { return slow.done() && queued.done(); }));
+    EXPECT_EQ(slow.error->code(), URLError::cancelled);
+    EXPECT_EQ(queued.error->code(), URLError::cancelled);
+    EXPECT_EQ(delegateTask->state(), URLSessionTaskState::completed);
+    EXPECT_EQ(delegateTask->error()->code(), URLError::cancelled);
+    delegateTask->resume();  // a task outliving its session is inert
+    delegateTask->cancel();
+
+    // A delegate that is gone is simply not called.
+    auto shortLived = std::make_shared<Recorder>();
+    auto session = URLSession::create(URLSessionConfiguration(), shortLived, shortLived->queue);
+    std::weak_ptr<Recorder> watch = shortLived;
+    shortLived.reset();
+    EXPECT_TRUE(watch.expired());
+    EXPECT_FALSE(session->delegate());
+    EXPECT_TRUE(URLSession::create()->delegateQueue()->isSerial());  // made by the session
+    auto task = session->dataTask(requestFor(s.server.url("/redirect")));  // the default follows
+    task->resume();
+    ASSERT_TRUE(waitUntil([&] { return task->state() == URLSessionTaskState::completed; }));
+    EXPECT_EQ(task->response()->statusCode(), 200);
+}
+
+}  // namespace

@@ -1,0 +1,287 @@
+#pragma once
+
+// A real HTTP(S) server on the loopback interface for tests (cpp-httplib), a self-signed TLS
+// identity for it, and a port nothing listens on.
+//
+//     zul::test::LoopbackServer server([](httplib::Server& s) {
+//         s.Get("/hello", [](const httplib::Request&, httplib::Response& res) {
+//             res.set_content("hi", "text/plain");
+//         });
+//     });
+//     auto url = zul::URL::fromString(server.url("/hello"));
+//
+// Every connection is served on a thread of its own, so slow handlers never hold up other
+// connections, and the server counts the connections it has open (`peakConnections`). Keep-alive
+// connections are kept for as many requests as the client sends.
+
+#include <httplib.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+
+namespace zul::test {
+
+/// A self-signed certificate for 127.0.0.1 (as its IP address) and its private key, in PEM.
+struct TLSIdentity {
+    std::string certificatePEM;
+    std::string privateKeyPEM;
+
+    /// A new P-256 key and a certificate for it valid for a day, usable as its own authority.
+    static TLSIdentity selfSigned() {
+        auto fail = [](const char* what) -> TLSIdentity { throw std::runtime_error(std::string("TLSIdentity: ") + what); };
+        std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_EC_gen("P-256"), &EVP_PKEY_free);
+        std::unique_ptr<X509, decltype(&X509_free)> certificate(X509_new(), &X509_free);
+        if (!key || !certificate) return fail("cannot make a key");
+        X509* cert = certificate.get();
+        X509_set_version(cert, 2);
+        ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
+        X509_gmtime_adj(X509_getm_notBefore(cert), -60);
+        X509_gmtime_adj(X509_getm_notAfter(cert), 24 * 3600);
+        X509_set_pubkey(cert, key.get());
+        X509_NAME* name = X509_get_subject_name(cert);
+        X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
+        X509_set_issuer_name(cert, name);
+        X509V3_CTX context;
+        X509V3_set_ctx_nodb(&context);
+        X509V3_set_ctx(&context, cert, cert, nullptr, nullptr, 0);
+        for (const auto& [nid, value] : {std::pair{NID_subject_alt_name, "IP:127.0.0.1"},
+                                         std::pair{NID_basic_constraints, "critical,CA:TRUE"},
+                                         std::pair{NID_key_usage, "critical,digitalSignature,keyCertSign"}}) {
+            X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
+            if (extension == nullptr) return fail("cannot make an extension");
+            X509_add_ext(cert, extension, -1);
+            X509_EXTENSION_free(extension);
+        }
+        if (X509_sign(cert, key.get(), EVP_sha256()) == 0) return fail("cannot sign");
+        auto pem = [](auto write) {
+            std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), &BIO_free);
+            write(bio.get());
+            char* data = nullptr;
+            const long length = BIO_get_mem_data(bio.get(), &data);
+            return std::string(data, static_cast<std::size_t>(length));
+        };
+        TLSIdentity identity;
+        identity.certificatePEM = pem([&](BIO* bio) { PEM_write_bio_X509(bio, cert); });
+        identity.privateKeyPEM =
+            pem([&](BIO* bio) { PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr); });
+        return identity;
+    }
+};
+
+class LoopbackServer {
+public:
+    /// Starts an HTTP server on 127.0.0.1 on an ephemeral port, with the routes `routes`
+    /// registers; returns once it accepts connections. The server owns its pre-routing handler
+    /// (it counts requests there): `routes` must not set one.
+    explicit LoopbackServer(const std::function<void(httplib::Server&)>& routes)
+        : LoopbackServer(std::make_unique<Exposed<httplib::Server>>(), "http", routes) {}
+
+    /// The same, serving HTTPS with `identity`.
+    LoopbackServer(const TLSIdentity& identity, const std::function<void(httplib::Server&)>& routes)
+        : LoopbackServer(makeTLSServer(identity), "https", routes) {}
+
+    /// Stops the server and joins its thread (and those of its connections).
+    ~LoopbackServer() {
+        {
+            const std::lock_guard lock(stopMutex_);
+            stopping_ = true;
+        }
+        stopCondition_.notify_all();
+        // stop() is ignored until the accept loop runs; wait for it, briefly.
+        for (int i = 0; i < 5000 && !server_->is_running(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        server_->stop();
+        thread_.join();
+    }
+
+    LoopbackServer(const LoopbackServer&) = delete;
+    LoopbackServer& operator=(const LoopbackServer&) = delete;
+
+    int port() const { return port_; }
+
+    /// "http://127.0.0.1:<port>" + path ("https://..." when serving TLS)
+    std::string url(std::string_view path = "") const {
+        return scheme_ + "://127.0.0.1:" + std::to_string(port_) + std::string(path);
+    }
+
+    /// Requests the server has received so far (counted before routing, so unknown paths count).
+    std::size_t requestCount() const { return requests_.load(std::memory_order_relaxed); }
+
+    /// Connections accepted so far.
+    std::size_t connectionCount() const {
+        const std::lock_guard lock(connectionMutex_);
+        return accepted_;
+    }
+
+    /// The most connections that were open at the same time.
+    std::size_t peakConnections() const {
+        const std::lock_guard lock(connectionMutex_);
+        return peak_;
+    }
+
+    /// For handlers: waits `duration`, or less when the server is being stopped, so that slow
+    /// endpoints do not hold up the end of a test. Returns false when cut short.
+    bool pause(std::chrono::milliseconds duration) {
+        std::unique_lock lock(stopMutex_);
+        return !stopCondition_.wait_for(lock, duration, [this] { return stopping_; });
+    }
+
+private:
+    // Exposes the listening socket, which httplib keeps to itself.
+    template <class Base>
+    class Exposed final : public Base {
+    public:
+        using Base::Base;
+        int listeningSocket() const { return this->svr_sock_; }
+    };
+
+    template <class S>
+    LoopbackServer(std::unique_ptr<Exposed<S>> server, std::string scheme,
+                   const std::function<void(httplib::Server&)>& routes)
+        : scheme_(std::move(scheme)) {
+        Exposed<S>& exposed = *server;
+        server_ = std::move(server);
+        server_->new_task_queue = [this] { return new ConnectionThreads(*this); };
+        server_->set_keep_alive_max_count(1'000'000);
+        // Without it, a response written in two pieces waits out the client's delayed ACK.
+        server_->set_tcp_nodelay(true);
+        routes(*server_);
+        server_->set_pre_routing_handler([this](const httplib::Request&, httplib::Response&) {
+            requests_.fetch_add(1, std::memory_order_relaxed);
+            return httplib::Server::HandlerResponse::Unhandled;
+        });
+        port_ = server_->bind_to_any_port("127.0.0.1");
+        if (port_ <= 0) throw std::runtime_error("LoopbackServer: cannot bind a loopback port");
+        // httplib listens with a backlog of 5: dozens of clients connecting at once would see
+        // their handshakes dropped and retried a second or more later. Listening again on the
+        // same socket only changes the backlog.
+        ::listen(exposed.listeningSocket(), SOMAXCONN);
+        // The socket listens from here on: connections wait in its backlog until the thread
+        // below accepts them.
+        thread_ = std::thread([this] { server_->listen_after_bind(); });
+    }
+
+    static std::unique_ptr<Exposed<httplib::SSLServer>> makeTLSServer(const TLSIdentity& identity) {
+        auto read = [](const std::string& pem, auto parse) {
+            std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
+                                                          &BIO_free);
+            return parse(bio.get());
+        };
+        std::unique_ptr<X509, decltype(&X509_free)> certificate(
+            read(identity.certificatePEM, [](BIO* bio) { return PEM_read_bio_X509(bio, nullptr, nullptr, nullptr); }),
+            &X509_free);
+        std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
+            read(identity.privateKeyPEM,
+                 [](BIO* bio) { return PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr); }),
+            &EVP_PKEY_free);
+        if (!certificate || !key) throw std::runtime_error("LoopbackServer: unreadable TLS identity");
+        // The server context takes references of its own.
+        auto server = std::make_unique<Exposed<httplib::SSLServer>>(certificate.get(), key.get());
+        if (!server->is_valid()) throw std::runtime_error("LoopbackServer: TLS set-up failed");
+        return server;
+    }
+
+    // httplib hands each accepted connection to a task queue; this one gives each its own thread
+    // and counts them.
+    class ConnectionThreads final : public httplib::TaskQueue {
+    public:
+        explicit ConnectionThreads(LoopbackServer& owner) : owner_(owner) {}
+
+        void enqueue(std::function<void()> serve) override {
+            std::list<Connection> finished;
+            {
+                const std::lock_guard lock(owner_.connectionMutex_);
+                ++owner_.accepted_;
+                ++owner_.open_;
+                owner_.peak_ = std::max(owner_.peak_, owner_.open_);
+                // Threads of closed connections are joined here, so that they do not pile up.
+                for (auto it = connections_.begin(); it != connections_.end();) {
+                    auto next = std::next(it);
+                    if (it->done) finished.splice(finished.end(), connections_, it);
+                    it = next;
+                }
+                connections_.emplace_back();
+                Connection& connection = connections_.back();
+                connection.thread = std::thread([this, &connection, serve = std::move(serve)] {
+                    serve();
+                    const std::lock_guard done(owner_.connectionMutex_);
+                    --owner_.open_;
+                    connection.done = true;
+                });
+            }
+            for (Connection& connection : finished) connection.thread.join();
+        }
+
+        void shutdown() override {
+            std::list<Connection> all;
+            {
+                const std::lock_guard lock(owner_.connectionMutex_);
+                all.swap(connections_);
+            }
+            for (Connection& connection : all) connection.thread.join();
+        }
+
+    private:
+        struct Connection {
+            std::thread thread;
+            bool done = false;
+        };
+        LoopbackServer& owner_;
+        std::list<Connection> connections_;  // guarded by owner_.connectionMutex_
+    };
+
+    std::string scheme_;
+    std::unique_ptr<httplib::Server> server_;
+    std::thread thread_;
+    int port_ = 0;
+    std::atomic<std::size_t> requests_{0};
+
+    mutable std::mutex connectionMutex_;
+    std::size_t accepted_ = 0;
+    std::size_t open_ = 0;
+    std::size_t peak_ = 0;
+
+    std::mutex stopMutex_;
+    std::condition_variable stopCondition_;
+    bool stopping_ = false;
+};
+
+/// A port on 127.0.0.1 on which nothing listens: an ephemeral port is bound and let go again,
+/// so connecting to it is refused (unless another process happens to take it meanwhile).
+inline int unusedLoopbackPort() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0) throw std::runtime_error("unusedLoopbackPort: socket failed");
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = 0;
+    socklen_t length = sizeof address;
+    int port = -1;
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+        port = ntohs(address.sin_port);
+    }
+    ::close(fd);
+    if (port <= 0) throw std::runtime_error("unusedLoopbackPort: cannot bind a loopback port");
+    return port;
+}
+
+}  // namespace zul::test
