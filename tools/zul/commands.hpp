@@ -15,6 +15,11 @@ int selfCheck();
 /// `zul hls [--json] [FILE]`: parses an HLS playlist (the shipped samples without FILE).
 int hls(const std::vector<std::string_view>& arguments);
 
+/// `zul fetch [-H 'Name: value']... [--timeout SECONDS] [--post FILE] [--json] URL`: one request
+/// through the network router; status line and headers to standard error, body to standard
+/// output.
+int fetch(const std::vector<std::string_view>& arguments);
+
 /// Where the sample playlists are: $ZUL_SAMPLES_DIR, else the installed share directory next to
 /// the executable, else the source tree the tool was built from.
 std::string samplesDirectory();

@@ -24,11 +24,17 @@ Commands:
               parse an HLS master or media playlist (without FILE, the shipped
               samples) and show its variants or a summary of its segments;
               --json prints it as one JSON object
+  fetch [-H 'Name: value']... [--timeout SECONDS] [--post FILE] [--json] URL
+              send one request through the network router: the status line and
+              headers go to standard error, the body to standard output; --json
+              prints the body decoded as JSON; --post sends FILE (- for standard
+              input) as the body of a POST; --timeout is the idle time-out in
+              seconds (default 15); a failure prints the router's error
   version     print the library version
   help        print this help (also --help, -h)
 
-Exit status: 0 on success, 1 when a check fails or a file cannot be read,
-2 on a usage error.
+Exit status: 0 on success, 1 when a check fails, a file cannot be read or a
+request fails, 2 on a usage error.
 )";
 
 }  // namespace
@@ -53,6 +59,9 @@ int main(int argc, char** argv) {
     }
     if (command == "hls") {
         return zul::tool::hls(std::vector<std::string_view>(argv + 2, argv + argc));
+    }
+    if (command == "fetch") {
+        return zul::tool::fetch(std::vector<std::string_view>(argv + 2, argv + argc));
     }
     if (command == "version" || command == "--version") {
         std::printf("zul %s\n", zul::versionString);

@@ -1,0 +1,198 @@
+// Network tasks on their own, and the plug-in chains the router runs over them.
+
+#include "zul/network/network_task.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "network/plugin_chains.hpp"
+#include "network/router_support.hpp"
+#include "support/wait.hpp"
+#include "zul/platform/dispatch_queue.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using zul::Data;
+using zul::NetworkTask;
+using zul::NetworkTaskError;
+using zul::PluginResult;
+using zul::Response;
+using zul::StubBehavior;
+using zul::URLError;
+using zul::test::HookLog;
+using zul::test::LocalService;
+using zul::test::ProbePlugin;
+
+struct Recorder {
+    std::mutex mutex;
+    std::vector<NetworkTask::TaskResult> results;
+    std::vector<std::thread::id> threads;
+
+    NetworkTask::Completion completion() {
+        return [this](NetworkTask&, NetworkTask::TaskResult result) {
+            std::lock_guard lock(mutex);
+            results.push_back(std::move(result));
+            threads.push_back(std::this_thread::get_id());
+        };
+    }
+    std::size_t count() {
+        std::lock_guard lock(mutex);
+        return results.size();
+    }
+};
+
+std::shared_ptr<NetworkTask> makeTask(Recorder& recorder, std::optional<Data> sample = std::nullopt) {
+    auto service = std::make_shared<LocalService>("http://127.0.0.1:9/", "x");
+    service->sample = std::move(sample);
+    return NetworkTask::create(service, zul::URLRequest(zul::URL::fromString("http://127.0.0.1:9/x")), "token",
+                               recorder.completion());
+}
+
+TEST(NetworkTaskTest, StubsAnswerFromTheSample) {
+    auto session = zul::URLSession::create();
+    Recorder immediate;
+    auto task = makeTask(immediate, Data{'o', 'k'});
+    task->start(StubBehavior::immediate(), *session, false);
+    ASSERT_EQ(immediate.count(), 1u);  // before start returned, on this thread
+    EXPECT_EQ(immediate.threads[0], std::this_thread::get_id());
+    EXPECT_EQ(immediate.results[0].value().statusCode, 200);
+    EXPECT_EQ(immediate.results[0].value().data, (Data{'o', 'k'}));
+    EXPECT_EQ(task->task(), nullptr);
+
+    Recorder empty;
+    makeTask(empty)->start(StubBehavior::immediate(), *session, true);  // keepSuspended does not hold stubs
+    ASSERT_EQ(empty.count(), 1u);
+    EXPECT_TRUE(empty.results[0].value().data.empty());
+
+    Recorder delayed;
+    auto later = makeTask(delayed, Data{'d'});
+    later->start(StubBehavior::delayed(0.2), *session, false);
+    EXPECT_EQ(delayed.count(), 0u);
+    ASSERT_TRUE(zul::test::waitUntil([&] { return delayed.count() == 1; }));
+    EXPECT_NE(delayed.threads[0], std::this_thread::get_id());
+
+    // A task gone before its delayed stub plays answers nothing.
+    Recorder dropped;
+    makeTask(dropped)->start(StubBehavior::delayed(0.05), *session, false);
+    std::this_thread::sleep_for(200ms);
+    EXPECT_EQ(dropped.count(), 0u);
+}
+
+TEST(NetworkTaskTest, CompletionsAreClassified) {
+    auto session = zul::URLSession::create();
+    const auto outcome = [&](std::optional<URLError> error) {
+        Recorder recorder;
+        auto task = makeTask(recorder);
+        task->start(StubBehavior::never(), *session, true);  // created, never resumed
+        EXPECT_NE(task->task(), nullptr);
+        EXPECT_EQ(task->task()->state(), zul::URLSessionTaskState::suspended);
+        task->handleCompletion(error);
+        EXPECT_EQ(task->task(), nullptr);
+        // A second report finds the transfer gone.
+        task->handleCompletion(std::nullopt);
+        EXPECT_EQ(recorder.results.size(), 2u);
+        EXPECT_EQ(recorder.results[1].error(), NetworkTaskError::cancelled());
+        return recorder.results[0];
+    };
+    EXPECT_EQ(outcome(URLError(URLError::timedOut)).error(), NetworkTaskError::requestTimeOut());
+    EXPECT_EQ(outcome(URLError(URLError::notConnectedToInternet)).error(), NetworkTaskError::noInternetConnection());
+    EXPECT_EQ(outcome(URLError(URLError::cannotConnectToHost)).error(), NetworkTaskError::unknown());
+    EXPECT_EQ(outcome(URLError(URLError::cancelled)).error(), NetworkTaskError::unknown());
+    // No error but no HTTP response either: taken for being offline.
+    EXPECT_EQ(outcome(std::nullopt).error(), NetworkTaskError::noInternetConnection());
+    EXPECT_STREQ(NetworkTaskError::requestTimeOut().what(), "requestTimeOut");
+
+    // Cancelling through the interface drops the transfer; no completion is called.
+    Recorder cancelled;
+    auto task = makeTask(cancelled);
+    task->start(StubBehavior::never(), *session, true);
+    const auto transfer = task->task();
+    task->cancel();
+    EXPECT_EQ(task->task(), nullptr);
+    EXPECT_TRUE(zul::test::waitUntil([&] { return transfer->state() == zul::URLSessionTaskState::completed; }));
+    EXPECT_EQ(cancelled.count(), 0u);
+}
+
+TEST(NetworkTaskTest, ConvertsResponsesWithoutJudgingThem) {
+    const zul::URLRequest request(zul::URL::fromString("http://h/"));
+    auto teapot = std::make_shared<const zul::HTTPURLResponse>(std::nullopt, 418, zul::HTTPHeaders());
+    auto converted = NetworkTask::convertResponseToResult(teapot, std::nullopt, std::nullopt, request);
+    EXPECT_EQ(converted.value().statusCode, 418);
+    EXPECT_TRUE(converted.value().data.empty());
+    EXPECT_EQ(converted.value().request, request);
+    EXPECT_EQ(NetworkTask::convertResponseToResult(nullptr, Data{1}, std::nullopt, request).value().statusCode, 200);
+}
+
+// ---- plug-in chains ----
+
+/// Answers prepareReceive later, from another thread, turning failures into a 299 response.
+class AsyncRepair final : public zul::NetworkPluginType {
+public:
+    void prepareReceive(PluginResult result, const zul::ServiceType&,
+                        zul::UniqueFunction<void(PluginResult)> completion) override {
+        zul::DispatchQueue::global()->asyncAfter(zul::dispatchTimeAfter(0.05),
+            [result = std::move(result), completion = std::move(completion)]() mutable {
+                if (result.isFailure()) {
+                    completion(PluginResult::success(Response{299, {}, nullptr, zul::URLRequest()}));
+                } else {
+                    completion(std::move(result));
+                }
+            });
+    }
+};
+
+TEST(PluginChainTest, ResponsesFlowThroughEveryPluginInOrder) {
+    HookLog log;
+    auto first = std::make_shared<ProbePlugin>("A", log);
+    auto second = std::make_shared<ProbePlugin>("B", log);
+    auto service = std::make_shared<LocalService>("http://h/", "");
+    const Response ok{200, {}, nullptr, zul::URLRequest()};
+
+    // No plug-ins: the result unchanged.
+    auto unchanged = zul::detail::networkModifyResponse({}, {}, service, PluginResult::success(ok));
+    std::optional<PluginResult> seen;
+    unchanged->onResult([&](const PluginResult& r) { seen = r; });
+    ASSERT_TRUE(seen && seen->isSuccess());
+
+    // A failure made by the first plug-in reaches the second, which repairs it asynchronously.
+    first->delays = 1;
+    auto repaired = zul::detail::networkModifyResponse({first}, {std::make_shared<AsyncRepair>()}, service,
+                                                       PluginResult::success(ok));
+    std::atomic<int> status{0};
+    repaired->onResult([&](const PluginResult& r) { status = r.isSuccess() ? static_cast<int>(r.value().statusCode) : -1; });
+    ASSERT_TRUE(zul::test::waitUntil([&] { return status != 0; }));
+    EXPECT_EQ(status, 299);
+
+    // Validation stops at the first plug-in that rejects.
+    log.clear();
+    first->reset();
+    first->rejects = true;
+    first->pluginName = "First";
+    std::optional<std::optional<zul::NetworkRouterError>> verdict;
+    zul::detail::findPluginThatInvalidatesResponse(ok, service, {first}, {second},
+                                                   [&](std::optional<zul::NetworkRouterError> e) { verdict = e; });
+    ASSERT_TRUE(verdict.has_value() && verdict->has_value());
+    EXPECT_EQ((*verdict)->description(), R"(preventedByPlugin(name: Optional("First")))");
+    EXPECT_EQ(log.entries(), std::vector<std::string>{"A.didReceive"});
+
+    first->reset();
+    verdict.reset();
+    zul::detail::findPluginThatInvalidatesResponse(ok, service, {first}, {second},
+                                                   [&](std::optional<zul::NetworkRouterError> e) { verdict = e; });
+    ASSERT_TRUE(verdict.has_value());
+    EXPECT_FALSE(verdict->has_value());
+
+    // Redirects: each plug-in gets the previous one's request; one refusal stops it.
+    const zul::HTTPURLResponse moved(std::nullopt, 301, zul::HTTPHeaders());
+    second->addedHeader = "b";
+    auto followed = zul::detail::handleRedirect({first}, {second}, *service, moved, zul::URLRequest());
+    ASSERT_TRUE(followed.has_value());
+    second->stopsRedirects = true;
+    EXPECT_FALSE(zul::detail::handleRedirect({first}, {second}, *service, moved, zul::URLRequest()).has_value());
+}
+
+}  // namespace
