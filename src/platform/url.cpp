@@ -1,5 +1,6 @@
 #include "zul/platform/url.hpp"
 
+#include "platform/ascii.hpp"
 #include "platform/percent_encoding.hpp"
 
 #include <curl/curl.h>
@@ -24,18 +25,6 @@ bool hasValidScheme(std::string_view text) noexcept {
     if (colon == std::string_view::npos || colon == 0 || !isSchemeStart(text[0])) return false;
     for (std::size_t i = 1; i < colon; ++i) {
         if (!isSchemeChar(text[i])) return false;
-    }
-    return true;
-}
-
-bool equalsIgnoringASCIICase(std::string_view a, std::string_view b) noexcept {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        char x = a[i];
-        char y = b[i];
-        if (x >= 'A' && x <= 'Z') x = static_cast<char>(x - 'A' + 'a');
-        if (y >= 'A' && y <= 'Z') y = static_cast<char>(y - 'A' + 'a');
-        if (x != y) return false;
     }
     return true;
 }
@@ -168,7 +157,7 @@ std::optional<URL> URL::fromString(std::string_view text) {
     // libcurl mends the slashes of "https:/h" and "https:///h" and finds the host "h"; read as
     // written, those have no host (no authority gives an empty one). Only "file" URLs may go
     // without a host.
-    if (!equalsIgnoringASCIICase(slice(owned, 0, layout.schemeEnd), "file") &&
+    if (!detail::equalsIgnoringASCIICase(slice(owned, 0, layout.schemeEnd), "file") &&
         splitAuthority(slice(owned, layout.authorityBegin, layout.pathBegin)).host.empty()) {
         return std::nullopt;
     }

@@ -2,20 +2,14 @@
 
 #include <algorithm>
 
+#include "platform/ascii.hpp"
+
 namespace zul {
 
 namespace {
 
-char asciiLower(char c) noexcept { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
 // Field names are tokens: ASCII only, so ASCII case folding is all there is to it.
-bool sameName(std::string_view a, std::string_view b) noexcept {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (asciiLower(a[i]) != asciiLower(b[i])) return false;
-    }
-    return true;
-}
+bool sameName(std::string_view a, std::string_view b) noexcept { return detail::equalsIgnoringASCIICase(a, b); }
 
 // Requests mostly carry a handful of fields: room for them on the first, instead of growing
 // the vector one field at a time.

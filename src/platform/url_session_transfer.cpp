@@ -5,6 +5,7 @@
 #include <charconv>
 #include <limits>
 
+#include "platform/ascii.hpp"
 #include "platform/url_session_engine.hpp"
 
 namespace zul {
@@ -12,18 +13,6 @@ namespace zul {
 namespace {
 
 constexpr std::size_t notActive = std::numeric_limits<std::size_t>::max();
-
-bool sameASCII(std::string_view a, std::string_view b) noexcept {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        char x = a[i];
-        char y = b[i];
-        if (x >= 'A' && x <= 'Z') x = static_cast<char>(x - 'A' + 'a');
-        if (y >= 'A' && y <= 'Z') y = static_cast<char>(y - 'A' + 'a');
-        if (x != y) return false;
-    }
-    return true;
-}
 
 std::string_view trimmed(std::string_view text) noexcept {
     while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
@@ -110,8 +99,8 @@ std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSes
     if (!request.url()) return URLError(URLError::badURL, "the request has no URL");
     const std::string& url = request.url()->absoluteString();
     const std::string_view scheme = request.url()->scheme();
-    const bool https = sameASCII(scheme, "https");
-    if (!https && !sameASCII(scheme, "http")) {
+    const bool https = detail::equalsIgnoringASCIICase(scheme, "https");
+    if (!https && !detail::equalsIgnoringASCIICase(scheme, "http")) {
         return URLError(URLError::unsupportedURL, "unsupported scheme \"" + std::string(scheme) + "\"");
     }
 
