@@ -121,12 +121,57 @@ std::shared_ptr<NetworkRouter> NetworkRouter::create(std::shared_ptr<const Netwo
                                            std::move(configuration));
 }
 
+// Completions made on the router's delegate queue, handed to the main queue together. The
+// session reports a burst of finished transfers in one delegate-queue job; posting each
+// completion on its own would wake the main thread once per completion, which on a busy
+// device costs more than the completion itself. Instead the first completion of a job
+// schedules a flush behind that job on the same queue, and the flush hands everything
+// gathered to the main queue as one job, in the order it was made.
+class NetworkRouter::MainQueueMailbox : public std::enable_shared_from_this<MainQueueMailbox> {
+public:
+    explicit MainQueueMailbox(std::shared_ptr<DispatchQueue> queue) : queue_(std::move(queue)) {}
+
+    /// Whether the caller runs on the queue whose jobs this mailbox follows.
+    bool isCurrent() const noexcept { return queue_->isCurrent(); }
+
+    void add(SharedCompletion completion, RouterResult result) {
+        bool schedule = false;
+        {
+            std::lock_guard lock(mutex_);
+            pending_.emplace_back(std::move(completion), std::move(result));
+            schedule = !std::exchange(scheduled_, true);
+        }
+        if (schedule) queue_->async([self = shared_from_this()] { self->flush(); });
+    }
+
+private:
+    using Item = std::pair<SharedCompletion, RouterResult>;
+
+    void flush() {
+        std::vector<Item> items;
+        {
+            std::lock_guard lock(mutex_);
+            items.swap(pending_);
+            scheduled_ = false;
+        }
+        DispatchQueue::main()->async([items = std::move(items)]() mutable {
+            for (auto& [completion, result] : items) (*completion)(std::move(result));
+        });
+    }
+
+    const std::shared_ptr<DispatchQueue> queue_;
+    std::mutex mutex_;
+    std::vector<Item> pending_;
+    bool scheduled_ = false;
+};
+
 NetworkRouter::NetworkRouter(PrivateTag, std::shared_ptr<const NetworkEnvironment> environment, PluginList plugins,
                              URLSessionConfiguration configuration)
     : environment_(std::move(environment)),
       plugins_(std::move(plugins)),
       configuration_(std::move(configuration)),
-      queue_(DispatchQueue::create("dev.zul.network.router.delegate.queue")) {}
+      queue_(DispatchQueue::create("dev.zul.network.router.delegate.queue")),
+      mailbox_(std::make_shared<MainQueueMailbox>(queue_)) {}
 
 NetworkRouter::~NetworkRouter() {
     std::vector<std::unique_ptr<DelayedTaskData>> parked;
@@ -176,6 +221,15 @@ NetworkRouter::SharedCompletion NetworkRouter::onMainQueue(Completion completion
 
 void NetworkRouter::deliver(const SharedCompletion& completion, RouterResult result) {
     DispatchQueue::main()->async([completion, result = std::move(result)]() mutable { (*completion)(std::move(result)); });
+}
+
+void NetworkRouter::deliver(const std::shared_ptr<MainQueueMailbox>& mailbox, const SharedCompletion& completion,
+                            RouterResult result) {
+    if (mailbox->isCurrent()) {
+        mailbox->add(completion, std::move(result));
+    } else {
+        deliver(completion, std::move(result));
+    }
 }
 
 // ---- sending ----
@@ -292,17 +346,17 @@ void NetworkRouter::postprocessResult(const std::shared_ptr<NetworkTask>& task, 
     const std::shared_ptr<const detail::PluginList> globals = globalPlugins();
     const std::shared_ptr<const ServiceType>& service = task->sharedService();
 
-    auto finish = [weakRouter = weak_from_this(), globals, plugins = plugins_, task, behavior,
+    auto finish = [weakRouter = weak_from_this(), mailbox = mailbox_, globals, plugins = plugins_, task, behavior,
                    completion](const PluginResult& modified) {
         if (modified.isSuccess()) {
             // 3. A response stands unless a plug-in rejects it.
             detail::findPluginThatInvalidatesResponse(
                 modified.value(), task->sharedService(), *globals, plugins,
-                [completion, response = modified.value()](std::optional<NetworkRouterError> rejection) {
+                [mailbox, completion, response = modified.value()](std::optional<NetworkRouterError> rejection) {
                     if (rejection) {
-                        deliver(completion, RouterResult::failure(std::move(*rejection)));
+                        deliver(mailbox, completion, RouterResult::failure(std::move(*rejection)));
                     } else {
-                        deliver(completion, RouterResult::success(response));
+                        deliver(mailbox, completion, RouterResult::success(response));
                     }
                 });
             return;
@@ -312,7 +366,7 @@ void NetworkRouter::postprocessResult(const std::shared_ptr<NetworkTask>& task, 
         if (error.kind() == NetworkRouterError::Kind::delayed) {
             if (const std::shared_ptr<NetworkRouter> router = weakRouter.lock()) router->park(task, behavior, completion);
         }
-        deliver(completion, RouterResult::failure(std::move(error)));
+        deliver(mailbox, completion, RouterResult::failure(std::move(error)));
     };
 
     // 2. The plug-ins' receive chain. Without plug-ins it would hand back the result unchanged,

@@ -147,6 +147,30 @@ TEST_F(RouterTest, SendsRequestsAndDeliversEveryStatusOnTheMainQueue) {
     EXPECT_EQ(router->runningRequestCount(), 0u);
 }
 
+TEST_F(RouterTest, ABurstOfCompletionsReachesTheMainQueueEachOnce) {
+    // Completions made together on the delegate queue travel to the main queue together; none
+    // may be lost, doubled or delivered elsewhere.
+    auto router = NetworkRouter::create();
+    constexpr std::size_t count = 200;
+    std::map<std::string, int> calls;
+    Outcomes outcomes;
+    for (std::size_t i = 0; i < count; ++i) {
+        LocalService get(server.url(), "echo");
+        get.fields = zul::HeaderMap{{"X-Probe", std::to_string(i)}};
+        auto collect = outcomes.collect();
+        router->request(get, [&, collect = std::move(collect)](RouterResult result) mutable {
+            if (result.isSuccess()) ++calls[text(result.value().data)];
+            collect(std::move(result));
+        });
+    }
+    ASSERT_TRUE(outcomes.waitFor(count, 30s));
+    MainLoop::runFor(50ms);  // a doubled completion would arrive now
+    EXPECT_EQ(outcomes.results.size(), count);
+    EXPECT_EQ(calls.size(), count);
+    for (const auto& [body, times] : calls) EXPECT_EQ(times, 1) << body;
+    for (const auto thread : outcomes.threads) EXPECT_EQ(thread, std::this_thread::get_id());
+}
+
 TEST_F(RouterTest, ConveniencesSendDataServices) {
     auto router = NetworkRouter::create();
     Outcomes outcomes;

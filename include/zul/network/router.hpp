@@ -205,10 +205,13 @@ public:
 
 private:
     struct DelayedTaskData;
+    class MainQueueMailbox;
     using SharedCompletion = std::shared_ptr<Completion>;
 
     static SharedCompletion onMainQueue(Completion completion);
     static void deliver(const SharedCompletion& completion, RouterResult result);
+    static void deliver(const std::shared_ptr<MainQueueMailbox>& mailbox, const SharedCompletion& completion,
+                        RouterResult result);
     URLSession& session();
     std::shared_ptr<NetworkTask> findTask(const URLSessionTask& transfer) const;
     Result<URLRequest, NetworkRouterError> preprocessedRequest(const URLRequest& request,
@@ -230,6 +233,7 @@ private:
     std::vector<std::shared_ptr<NetworkTask>> requests_;    // guarded by the router's monitor
     std::vector<std::unique_ptr<DelayedTaskData>> delayed_; // guarded by the router's monitor
     std::shared_ptr<DispatchQueue> queue_;                  // the session's delegate queue
+    std::shared_ptr<MainQueueMailbox> mailbox_;             // completions made on queue_, for the main queue
     std::once_flag sessionOnce_;
     std::shared_ptr<URLSession> session_;
 };
