@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -241,6 +242,58 @@ void standardRoutes(httplib::Server& s, std::atomic<LoopbackServer*>* self) {
         res.status = 301;
         res.set_header("Location", "/loop");
     });
+}
+
+// A bare TCP listener on loopback whose one connection is handled by `serve` on a thread of its
+// own: for peers httplib cannot play (silent, or speaking the proxy form of HTTP).
+class BareServer {
+public:
+    explicit BareServer(std::function<void(int client)> serve) {
+        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(listener_, 4) != 0) {
+            throw std::runtime_error("cannot listen on loopback");
+        }
+        socklen_t length = sizeof address;
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this, serve = std::move(serve)] {
+            const int client = ::accept(listener_, nullptr, nullptr);
+            if (client < 0) return;
+            serve(client);
+            ::close(client);
+        });
+    }
+    ~BareServer() {
+        ::shutdown(listener_, SHUT_RDWR);  // ends an accept still waiting
+        thread_.join();
+        ::close(listener_);
+    }
+    BareServer(const BareServer&) = delete;
+    BareServer& operator=(const BareServer&) = delete;
+
+    std::string origin(const char* scheme = "http") const {
+        return std::string(scheme) + "://127.0.0.1:" + std::to_string(port_);
+    }
+
+private:
+    int listener_ = -1;
+    std::uint16_t port_ = 0;
+    std::thread thread_;
+};
+
+// Reads from `client` until the end of a request head, or until the peer stops sending.
+std::string readHead(int client) {
+    std::string head;
+    char buffer[1024];
+    while (head.find("\r\n\r\n") == std::string::npos) {
+        const ssize_t got = ::recv(client, buffer, sizeof buffer, 0);
+        if (got <= 0) break;
+        head.append(buffer, static_cast<std::size_t>(got));
+    }
+    return head;
 }
 
 // A server with the standard routes.
@@ -566,6 +619,19 @@ TEST(URLSessionTest, IdleTransfersTimeOutButSlowSteadyOnesDoNot) {
     EXPECT_FALSE(steady.error) << steady.error->description();  // 1.6 s in all, never a second idle
     EXPECT_EQ(steady.data, zul::dataFromString("xxxxxxxx"));
 
+    // Connecting counts: a server that accepts but never answers the TLS handshake holds the
+    // transfer in libcurl's connect phase, where the same idle clock runs.
+    std::atomic<bool> released{false};
+    BareServer silent([&](int) { waitUntil([&] { return released.load(); }, 10s); });
+    URLRequest stalled = requestFor(silent.origin("https") + "/");
+    stalled.setTimeoutInterval(1);
+    Handed handshake;
+    session->dataTask(stalled, handshake.handler())->resume();
+    ASSERT_TRUE(waitUntil([&] { return handshake.done(); }));
+    released = true;
+    ASSERT_TRUE(handshake.error);
+    EXPECT_EQ(handshake.error->code(), URLError::timedOut) << handshake.error->description();
+
     // The configuration's resource time-out bounds the whole transfer, however busy.
     URLSessionConfiguration configuration;
     configuration.timeoutIntervalForResource = 1;
@@ -596,29 +662,39 @@ TEST(URLSessionTest, TransportFailuresCarryThePlatformCodes) {
     EXPECT_EQ(unsupported.error->code(), URLError::unsupportedURL);
     EXPECT_EQ(noURL.error->code(), URLError::badURL);
 
-    // A server that closes the connection without answering (httplib always answers, so this
-    // one is a bare socket).
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(fd, 4), 0);
-    socklen_t length = sizeof address;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-    std::thread closer([fd] {
-        const int client = ::accept(fd, nullptr, nullptr);
-        char buffer[1024];
-        (void)::recv(client, buffer, sizeof buffer, 0);  // read the request, answer nothing
-        ::close(client);
-    });
+    // A server that reads the request and closes the connection without answering.
+    BareServer closer([](int client) { readHead(client); });
     Handed empty;
-    session->dataTask(requestFor("http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/"), empty.handler())
-        ->resume();
+    session->dataTask(requestFor(closer.origin() + "/"), empty.handler())->resume();
     ASSERT_TRUE(waitUntil([&] { return empty.done(); }));
-    closer.join();
-    ::close(fd);
     EXPECT_EQ(empty.error->code(), URLError::badServerResponse);
+}
+
+TEST(URLSessionTest, AConfiguredProxyCarriesTheRequest) {
+    std::mutex mutex;  // the proxy's thread writes the head; the socket is no fence a race checker sees
+    std::string head;
+    BareServer proxy([&](int client) {
+        std::string received = readHead(client);
+        {
+            const std::lock_guard lock(mutex);
+            head = std::move(received);
+        }
+        const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 7\r\nConnection: close\r\n\r\nproxied";
+        (void)::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+    });
+    URLSessionConfiguration configuration;
+    configuration.proxy = proxy.origin();
+    auto session = URLSession::create(configuration);
+    Handed handed;
+    session->dataTask(requestFor("http://origin.invalid/path?q=1"), handed.handler())->resume();
+    ASSERT_TRUE(waitUntil([&] { return handed.done(); }));
+    EXPECT_FALSE(handed.error) << handed.error->description();
+    EXPECT_EQ(handed.data, zul::dataFromString("proxied"));
+    // The proxy was asked for the absolute URL, on behalf of the origin (whose name does not
+    // even resolve).
+    const std::lock_guard lock(mutex);
+    EXPECT_EQ(head.substr(0, head.find("\r\n")), "GET http://origin.invalid/path?q=1 HTTP/1.1");
+    EXPECT_NE(head.find("Host: origin.invalid"), std::string::npos) << head;
 }
 
 TEST(URLSessionTest, TLSIsVerifiedUnlessSwitchedOffAndTrustsTheConfiguredAuthority) {
