@@ -32,7 +32,7 @@ URLRequest URLSessionTask::currentRequest() const {
 
 std::shared_ptr<const HTTPURLResponse> URLSessionTask::response() const {
     const std::lock_guard lock(state_->mutex);
-    return state_->response;
+    return state_->responseLocked();
 }
 
 std::optional<URLError> URLSessionTask::error() const {

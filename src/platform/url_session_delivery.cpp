@@ -29,11 +29,9 @@ void DelegateChannel::post(std::vector<DelegateEvent>& events) {
     bool schedule = false;
     {
         const std::lock_guard lock(mutex_);
-        if (pending_.empty()) {
-            pending_.swap(events);
-        } else {
-            std::move(events.begin(), events.end(), std::back_inserter(pending_));
-        }
+        // Moved element by element, so that both sides keep their vectors' storage from one
+        // batch to the next instead of allocating on one thread and freeing on another.
+        std::move(events.begin(), events.end(), std::back_inserter(pending_));
         schedule = !std::exchange(scheduled_, true);
     }
     events.clear();
@@ -47,17 +45,35 @@ void DelegateChannel::post(DelegateEvent event) {
 }
 
 void DelegateChannel::deliver() {
-    std::vector<DelegateEvent> events;
     {
         const std::lock_guard lock(mutex_);
-        events.swap(pending_);
+        delivering_.swap(pending_);
         scheduled_ = false;  // what arrives from now on goes to the next job, which runs after this one
     }
     // The session and the delegate are taken once per batch. Without a session (it is being
     // destroyed) the delegate cannot be called, but completion handlers still are.
     const std::shared_ptr<URLSession> session = session_.lock();
     const std::shared_ptr<URLSessionDelegate> delegate = session ? delegate_.lock() : nullptr;
-    for (DelegateEvent& event : events) run(event, session.get(), delegate.get());
+    for (DelegateEvent& event : delivering_) run(event, session.get(), delegate.get());
+    {
+        // Bodies the delegate only looked at go back to the transfer thread (a completion
+        // handler was given its body to keep).
+        const std::lock_guard lock(mutex_);
+        for (DelegateEvent& event : delivering_) {
+            if (spares_.size() == kSpareBuffers) break;
+            const std::size_t capacity = event.data.capacity();
+            if (capacity == 0 || capacity > kSpareCapacity) continue;
+            event.data.clear();
+            spares_.push_back(std::move(event.data));
+        }
+    }
+    delivering_.clear();
+}
+
+void DelegateChannel::takeSpareBuffers(std::vector<Data>& into) {
+    const std::lock_guard lock(mutex_);
+    std::move(spares_.begin(), spares_.end(), std::back_inserter(into));
+    spares_.clear();
 }
 
 void DelegateChannel::run(DelegateEvent& event, URLSession* session, URLSessionDelegate* delegate) {

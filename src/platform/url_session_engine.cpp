@@ -153,6 +153,7 @@ void URLSession::Engine::run() {
         if (shuttingDown_) break;
 
         startWaiting();
+        if (spareBodies_.empty()) channel_->takeSpareBuffers(spareBodies_);
         int running = 0;
         curl_multi_perform(multi_, &running);
         int left = 0;
@@ -232,7 +233,8 @@ void URLSession::Engine::begin(std::shared_ptr<URLSessionTask> task, URLSessionT
     slot.uploaded = 0;
     state.slot = &slot;
     state.status = 0;
-    state.headers = HTTPHeaders();
+    state.head.clear();
+    state.headHasLocation = false;
     state.headersComplete = false;
     state.holdingRedirect = false;
     state.body.clear();
@@ -287,7 +289,7 @@ void URLSession::Engine::followOrAsk(std::shared_ptr<URLSessionTask> task, URLSe
     std::optional<URLRequest> next;
     {
         const std::lock_guard lock(state.mutex);
-        response = state.response;
+        response = state.responseLocked();
         if (const auto location = response->value("Location")) {
             next = detail::redirectedRequest(state.currentRequest, state.status, *location);
         }

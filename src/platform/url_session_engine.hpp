@@ -40,6 +40,11 @@ URLError urlErrorFromCurl(CURLcode code, long osErrno, std::string_view message)
 /// in whole seconds (2.5 counts as 2), and never under one second.
 std::chrono::seconds idleTimeout(double requestInterval, double configured) noexcept;
 
+/// The fields of a response head given as lines ended by '\n' (an obsolete folded line, which
+/// starts with a space or a tab, continues the field before it; lines without a name are
+/// ignored).
+HTTPHeaders parseHeaderFields(std::string_view lines);
+
 /// Whether `status` is a redirect the session follows when it carries a Location.
 constexpr bool isRedirectStatus(std::int64_t status) noexcept {
     return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
@@ -93,8 +98,17 @@ public:
     // Read from any thread, written by the transfer thread (and at creation).
     mutable std::mutex mutex;
     URLRequest currentRequest;
-    std::shared_ptr<const HTTPURLResponse> response;
     std::optional<URLError> error;
+    // The last complete response head, as the transfer thread read it. It becomes an
+    // HTTPURLResponse only when somebody asks (`responseLocked`), on the asking thread: the
+    // transfer thread, which every transfer passes through, only copies bytes.
+    std::string publishedHead;          // field lines, each ended by '\n'
+    std::int64_t publishedStatus = 0;
+    bool headPublished = false;
+    std::shared_ptr<const HTTPURLResponse> response;  // made from the published head
+
+    /// The response, made from the published head on first use. `mutex` must be held.
+    std::shared_ptr<const HTTPURLResponse> responseLocked();
 
     // Delegate queue only: called once with the outcome instead of the delegate.
     URLSession::CompletionHandler completion;
@@ -113,10 +127,10 @@ public:
     DispatchTime startedAt;         // for the resource time-out
     Data body;                      // bytes gathered and not yet delivered
     bool queuedForDelivery = false; // listed in Engine::received_ this round
-    // The response being read.
+    // The response head being read.
     std::int64_t status = 0;
-    HTTPHeaders headers;
-    std::string lastHeaderName;     // for obsolete folded continuation lines
+    std::string head;               // its field lines, each ended by '\n'
+    bool headHasLocation = false;
     bool headersComplete = false;
     bool holdingRedirect = false;   // a 3xx with a Location: its body is not delivered yet
 };
@@ -144,6 +158,10 @@ public:
     /// Appends `events` (emptied) and schedules a delivery unless one is scheduled.
     void post(std::vector<DelegateEvent>& events);
     void post(DelegateEvent event);
+    /// Moves the body buffers the delegate has finished with into `into`, emptied but with their
+    /// storage, so that the transfer thread fills them again instead of allocating buffers that
+    /// another thread frees.
+    void takeSpareBuffers(std::vector<Data>& into);
 
 private:
     void deliver();
@@ -155,9 +173,14 @@ private:
 
     std::mutex mutex_;
     std::vector<DelegateEvent> pending_;
+    std::vector<Data> spares_;  // at most kSpareBuffers, none larger than kSpareCapacity
     bool scheduled_ = false;
+    static constexpr std::size_t kSpareBuffers = 32;
+    static constexpr std::size_t kSpareCapacity = 64 * 1024;
 
-    bool invalidDelivered_ = false;  // delegate queue only: nothing reaches the delegate after it
+    // Delegate queue only.
+    std::vector<DelegateEvent> delivering_;  // the batch being delivered
+    bool invalidDelivered_ = false;          // nothing reaches the delegate after it
 };
 
 class URLSession::Engine {
@@ -250,6 +273,7 @@ private:
     std::vector<std::unique_ptr<TransferSlot>> slots_;  // every slot made
     std::vector<TransferSlot*> freeSlots_;
     std::vector<URLSessionTask::State*> received_;    // tasks with undelivered bytes this round
+    std::vector<Data> spareBodies_;                   // emptied body buffers to fill again
     std::vector<DelegateEvent> batch_;
     std::size_t live_ = 0;                            // resumed and not completed
     bool invalidated_ = false;

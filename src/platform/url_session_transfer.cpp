@@ -185,8 +185,9 @@ std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSes
 // ---- Reading the response.
 
 // Header lines, one call each: the status line starts a response (a 1xx is followed by the
-// real one), fields accumulate, and the empty line ends the head: then the response is known.
-// Lines after that are trailers, which the platform does not report.
+// real one), fields accumulate as text, and the empty line ends the head: then the response is
+// known and published for any thread to read. Lines after that are trailers, which the platform
+// does not report.
 std::size_t URLSession::Engine::onHeader(char* buffer, std::size_t size, std::size_t count, void* user) {
     auto& slot = *static_cast<TransferSlot*>(user);
     URLSessionTask::State& state = *slot.state;
@@ -202,8 +203,8 @@ std::size_t URLSession::Engine::onHeader(char* buffer, std::size_t size, std::si
             const std::string_view code = line.substr(space + 1, 3);
             std::from_chars(code.data(), code.data() + code.size(), state.status);
         }
-        state.headers = HTTPHeaders();
-        state.lastHeaderName.clear();
+        state.head.clear();
+        state.headHasLocation = false;
         state.headersComplete = false;
         return length;
     }
@@ -211,30 +212,29 @@ std::size_t URLSession::Engine::onHeader(char* buffer, std::size_t size, std::si
     if (line.empty()) {
         if (state.status >= 100 && state.status < 200) return length;  // interim; the real one follows
         state.headersComplete = true;
-        const URLRequest& request = state.currentRequest;
-        state.holdingRedirect = detail::isRedirectStatus(state.status) && state.headers.contains("Location");
-        auto response = std::make_shared<const HTTPURLResponse>(request.url(), state.status, std::move(state.headers));
-        state.headers = HTTPHeaders();
+        state.holdingRedirect = detail::isRedirectStatus(state.status) && state.headHasLocation;
         const std::lock_guard lock(state.mutex);
-        state.response = std::move(response);
+        state.publishedHead.swap(state.head);
+        state.publishedStatus = state.status;
+        state.headPublished = true;
+        state.response.reset();
         return length;
     }
-    if (line.front() == ' ' || line.front() == '\t') {
-        // An obsolete folded line continues the previous field.
-        if (!state.lastHeaderName.empty()) {
-            std::string value = state.headers.value(state.lastHeaderName).value_or(std::string());
-            value += ' ';
-            value += trimmed(line);
-            state.headers.setValue(std::move(value), state.lastHeaderName);
-        }
-        return length;
+    constexpr std::string_view location = "location:";
+    if (line.size() >= location.size() && detail::equalsIgnoringASCIICase(line.substr(0, location.size()), location)) {
+        state.headHasLocation = true;
     }
-    const std::size_t colon = line.find(':');
-    if (colon == std::string_view::npos || colon == 0) return length;  // not a field: ignored
-    const std::string_view name = line.substr(0, colon);
-    state.headers.addValue(trimmed(line.substr(colon + 1)), name);
-    state.lastHeaderName.assign(name);
+    state.head.append(line);
+    state.head += '\n';
     return length;
+}
+
+std::shared_ptr<const HTTPURLResponse> URLSessionTask::State::responseLocked() {
+    if (!response && headPublished) {
+        response = std::make_shared<const HTTPURLResponse>(currentRequest.url(), publishedStatus,
+                                                           detail::parseHeaderFields(publishedHead));
+    }
+    return response;
 }
 
 std::size_t URLSession::Engine::onBody(char* buffer, std::size_t size, std::size_t count, void* user) {
@@ -244,6 +244,10 @@ std::size_t URLSession::Engine::onBody(char* buffer, std::size_t size, std::size
     const std::size_t length = size * count;
     slot.lastActivity = engine.now_;
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(buffer);
+    if (state.body.capacity() == 0 && !engine.spareBodies_.empty()) {
+        state.body = std::move(engine.spareBodies_.back());
+        engine.spareBodies_.pop_back();
+    }
     state.body.insert(state.body.end(), bytes, bytes + length);
     state.bytesReceived.fetch_add(static_cast<std::int64_t>(length), std::memory_order_relaxed);
     // Bytes of a completion-handler task, or of a redirect that may be followed, wait for the end.
@@ -257,6 +261,32 @@ std::size_t URLSession::Engine::onBody(char* buffer, std::size_t size, std::size
 // ---- Redirects.
 
 namespace detail {
+
+HTTPHeaders parseHeaderFields(std::string_view lines) {
+    HTTPHeaders fields;
+    std::string_view lastName;
+    while (!lines.empty()) {
+        const std::size_t end = lines.find('\n');
+        const std::string_view line = lines.substr(0, end);
+        lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
+        if (line.empty()) continue;
+        if (line.front() == ' ' || line.front() == '\t') {
+            // An obsolete folded line continues the previous field.
+            if (!lastName.empty()) {
+                std::string value = fields.value(lastName).value_or(std::string());
+                value += ' ';
+                value += trimmed(line);
+                fields.setValue(std::move(value), lastName);
+            }
+            continue;
+        }
+        const std::size_t colon = line.find(':');
+        if (colon == std::string_view::npos || colon == 0) continue;  // not a field: ignored
+        lastName = line.substr(0, colon);
+        fields.addValue(trimmed(line.substr(colon + 1)), lastName);
+    }
+    return fields;
+}
 
 std::optional<URLRequest> redirectedRequest(const URLRequest& current, std::int64_t status, std::string_view location) {
     if (!current.url()) return std::nullopt;

@@ -351,6 +351,18 @@ TEST(URLErrorTest, IdleTimeOutCountsWholeSecondsAndFallsBackToTheConfiguration) 
     EXPECT_EQ(idleTimeout(0.4, 60), 1s);  // never under a second
 }
 
+TEST(URLErrorTest, ResponseHeadsParseFieldsFoldedLinesAndRepeats) {
+    const zul::HTTPHeaders fields = zul::detail::parseHeaderFields(
+        "Content-Type:  text/plain \nX-Long: first\n \tsecond part\nSet-Cookie: a=1\nset-cookie: b=2\n"
+        "no colon here\n: nameless\nX-Empty:\n");
+    EXPECT_EQ(fields.value("content-type"), "text/plain");
+    EXPECT_EQ(fields.value("X-Long"), "first second part");
+    EXPECT_EQ(fields.value("Set-Cookie"), "a=1,b=2");  // repeats join, whatever the name's case
+    EXPECT_EQ(fields.value("X-Empty"), "");
+    EXPECT_EQ(fields.size(), 4u);
+    EXPECT_TRUE(zul::detail::parseHeaderFields("").empty());
+}
+
 TEST(URLErrorTest, RedirectedRequestsResolveTheLocationAndRewriteTheMethodAsThePlatformDoes) {
     using zul::detail::redirectedRequest;
     URLRequest post = requestFor("http://h.test/a/b?q=1");
