@@ -69,7 +69,8 @@ struct HostLine {
 };
 
 /// One libcurl easy handle with what belongs to it while a transfer uses it. The engine keeps
-/// them and resets them (`curl_easy_reset`) for the next transfer, which keeps their buffers.
+/// them for the next transfer: the options every transfer shares are set once, the others by
+/// each transfer.
 struct TransferSlot {
     CURL* easy = nullptr;
     curl_slist* headers = nullptr;
@@ -245,6 +246,7 @@ private:
 
     // url_session_transfer.cpp
     TransferSlot& acquireSlot();
+    void setSharedOptions(TransferSlot& slot);
     void releaseSlot(TransferSlot& slot);
     std::optional<URLError> configure(TransferSlot& slot, URLSessionTask::State& state);
 

@@ -50,9 +50,9 @@ curl_slist* appendHeader(curl_slist* list, std::string& line, std::string_view n
 TransferSlot& URLSession::Engine::acquireSlot() {
     TransferSlot* slot = nullptr;
     if (!freeSlots_.empty()) {
+        // A handle keeps what every transfer shares; configure() sets the rest each time.
         slot = freeSlots_.back();
         freeSlots_.pop_back();
-        curl_easy_reset(slot->easy);  // keeps the handle's buffers; connections live in the multi
     } else {
         auto made = std::make_unique<TransferSlot>();
         made->easy = curl_easy_init();
@@ -60,10 +60,42 @@ TransferSlot& URLSession::Engine::acquireSlot() {
         made->engine = this;
         slot = made.get();
         slots_.push_back(std::move(made));
+        setSharedOptions(*slot);
     }
     slot->activeIndex = notActive;
     slot->errorText[0] = '\0';
     return *slot;
+}
+
+// The options that are the same for every transfer of this session.
+void URLSession::Engine::setSharedOptions(TransferSlot& slot) {
+    CURL* easy = slot.easy;
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy, CURLOPT_PRIVATE, static_cast<void*>(&slot));
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, slot.errorText);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Engine::onHeader);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, static_cast<void*>(&slot));
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Engine::onBody);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, static_cast<void*>(&slot));
+    curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);  // a proxy's CONNECT answer is not the response
+    // Redirects go through the delegate; the session follows them itself.
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+
+    // TLS.
+    const long verify = configuration.tlsVerifyPeer ? 1L : 0L;
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, verify);
+    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, configuration.tlsVerifyPeer ? 2L : 0L);
+    if (configuration.caInfoFile) {
+        // CAINFO replaces the default bundle; the default directory keeps the system's CAs.
+        curl_easy_setopt(easy, CURLOPT_CAINFO, configuration.caInfoFile->c_str());
+        if (const char* systemPath = curl_version_info(CURLVERSION_NOW)->capath) {
+            curl_easy_setopt(easy, CURLOPT_CAPATH, systemPath);
+        }
+    }
+    if (configuration.proxy) curl_easy_setopt(easy, CURLOPT_PROXY, configuration.proxy->c_str());
+    curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, std::max(1L, static_cast<long>(configuration.connectionIdleTimeout)));
 }
 
 void URLSession::Engine::releaseSlot(TransferSlot& slot) {
@@ -106,33 +138,8 @@ std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSes
 
     CURL* easy = slot.easy;
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(easy, CURLOPT_PRIVATE, static_cast<void*>(&slot));
-    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, slot.errorText);
-    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Engine::onHeader);
-    curl_easy_setopt(easy, CURLOPT_HEADERDATA, static_cast<void*>(&slot));
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Engine::onBody);
-    curl_easy_setopt(easy, CURLOPT_WRITEDATA, static_cast<void*>(&slot));
-    curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);  // a proxy's CONNECT answer is not the response
-    // Redirects go through the delegate; the session follows them itself.
-    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
-    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     // Over TLS, wait for a connection that may turn out to multiplex instead of opening another.
-    if (https) curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
-
-    // TLS.
-    const long verify = configuration.tlsVerifyPeer ? 1L : 0L;
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, verify);
-    curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, configuration.tlsVerifyPeer ? 2L : 0L);
-    if (configuration.caInfoFile) {
-        // CAINFO replaces the default bundle; the default directory keeps the system's CAs.
-        curl_easy_setopt(easy, CURLOPT_CAINFO, configuration.caInfoFile->c_str());
-        if (const char* systemPath = curl_version_info(CURLVERSION_NOW)->capath) {
-            curl_easy_setopt(easy, CURLOPT_CAPATH, systemPath);
-        }
-    }
-    if (configuration.proxy) curl_easy_setopt(easy, CURLOPT_PROXY, configuration.proxy->c_str());
+    curl_easy_setopt(easy, CURLOPT_PIPEWAIT, https ? 1L : 0L);
 
     // Time-outs: the idle one is the engine's own (checkIdle), libcurl's connect time-out is
     // lifted to match it, and the resource time-out bounds what is left of the whole task.
@@ -143,9 +150,13 @@ std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSes
                                 std::chrono::duration<double>(now_ - state.startedAt).count();
     if (resourceLeft <= 0) return URLError(URLError::timedOut, "the resource time-out has passed");
     curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, std::max(1L, milliseconds(resourceLeft)));
-    curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, std::max(1L, static_cast<long>(configuration.connectionIdleTimeout)));
 
-    // Method and body: the request's method is sent exactly as given.
+    // Method and body: the request's method is sent exactly as given. First the handle forgets
+    // the previous transfer's (setting the fields makes a POST, so they go before HTTPGET).
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, static_cast<const void*>(nullptr));
+    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(-1));
+    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, static_cast<const char*>(nullptr));
     const std::string& method = request.httpMethod();
     const std::optional<Data>& body = request.httpBody();
     if (method == "HEAD") {
@@ -178,7 +189,7 @@ std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSes
         headers = appended;
     }
     slot.headers = headers;
-    if (headers != nullptr) curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
     return std::nullopt;
 }
 

@@ -456,12 +456,15 @@ TEST(URLSessionTest, SendsMethodsHeadersAndBodiesAndReportsTheResponse) {
     EXPECT_TRUE(recorder->wellBehaved());
 
     // Connections are kept and reused: the same requests again, one after the other, open none.
+    // One after the other, they also reuse one transfer handle, which must forget each
+    // method's settings (HEAD then GET, GET then POST, ...).
     const std::size_t connections = s.server.connectionCount();
-    for (const auto& task : tasks) {
+    for (const std::size_t i : {4u, 0u, 1u, 3u, 2u, 5u, 0u}) {
         Handed again;
-        session->dataTask(task->originalRequest(), again.handler())->resume();
+        session->dataTask(tasks[i]->originalRequest(), again.handler())->resume();
         ASSERT_TRUE(waitUntil([&] { return again.done(); }));
         EXPECT_FALSE(again.error);
+        EXPECT_EQ(zul::stringFromData(again.data.value_or(Data())), bodyOf(i)) << "request " << i;
     }
     EXPECT_EQ(s.server.connectionCount(), connections);
 }
