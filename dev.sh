@@ -11,7 +11,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(cmake ninja-build g++ pkg-config libasio-dev libcurl4-openssl-dev libsimdjson-dev libpcre2-dev libhowardhinnant-date-dev nlohmann-json3-dev libspdlog-dev libgtest-dev libgmock-dev googletest libbenchmark-dev libcpp-httplib-dev)
+PACKAGES=(cmake ninja-build g++ pkg-config libasio-dev libcurl4-openssl-dev libsimdjson-dev libpcre2-dev libhowardhinnant-date-dev nlohmann-json3-dev libspdlog-dev libgtest-dev libgmock-dev googletest libbenchmark-dev libcpp-httplib-dev nginx-light)
 JOBS=$(nproc 2>/dev/null || echo 2)
 
 log() { printf '\n== %s\n' "$*"; }
