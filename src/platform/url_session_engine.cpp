@@ -74,13 +74,14 @@ URLSession::Engine::~Engine() {
 }
 
 void URLSession::Engine::start(const std::weak_ptr<URLSession>& session) {
+    // The transfer thread starts with the first command: a session that only ever answers from
+    // elsewhere (a router playing stubs) never costs a thread.
     channel_->setSession(session);
-    thread_ = std::thread([this] { run(); });
-    pthread_setname_np(thread_.native_handle(), "zul-urlsession");
 }
 
 void URLSession::Engine::stop() {
     post(Command{Command::Kind::shutdown, nullptr, nullptr, nullptr});
+    // post() made the thread if there was none, under the lock this thread took after it.
     if (thread_.joinable()) thread_.join();
 }
 
@@ -112,6 +113,12 @@ void URLSession::Engine::post(Command command) {
     if (stopped_) return;  // the thread has cancelled every task it knew and is gone
     if (command.kind == Command::Kind::shutdown) stopped_ = true;
     commands_.push_back(std::move(command));
+    if (!thread_.joinable()) {
+        thread_ = std::thread([this] { run(); });
+        pthread_setname_np(thread_.native_handle(), "zul-urlsession");
+        wakePending_ = true;  // the new thread takes the commands before it first sleeps
+        return;
+    }
     // One wake-up per batch of commands: the thread takes them all at once. Under the lock, so
     // that the thread, once it has seen the shutdown, can tear the multi handle down safely.
     if (!std::exchange(wakePending_, true)) curl_multi_wakeup(multi_);

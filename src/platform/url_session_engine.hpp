@@ -261,7 +261,7 @@ private:
     bool wakePending_ = false;
     bool stopped_ = false;
 
-    std::thread thread_;
+    std::thread thread_;  // made by the first command, under commandMutex_
 
     // Transfer thread.
     CURLM* multi_ = nullptr;

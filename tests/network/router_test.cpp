@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
 #include "network/router_support.hpp"
@@ -79,6 +81,18 @@ struct Outcomes {
         return MainLoop::runUntil([&] { return results.size() >= count; }, timeout);
     }
 };
+
+/// How many URL-session transfer threads this process has (by their names).
+std::size_t transferThreads() {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream comm(entry.path() / "comm");
+        std::string name;
+        std::getline(comm, name);
+        if (name == "zul-urlsession") ++count;
+    }
+    return count;
+}
 
 /// The probe plug-in every router runs first; it acts only on `ProbedService`s.
 ProbePlugin& globalProbe(HookLog& log) {
@@ -341,6 +355,7 @@ TEST_F(RouterTest, CancelStopsKnownTokensAndIgnoresOthers) {
 }
 
 TEST_F(RouterTest, StubsAnswerFromTheSampleWithoutTheNetwork) {
+    const std::size_t threadsBefore = transferThreads();
     auto router = NetworkRouter::create();
     Outcomes immediate;
     LocalService sampled(server.url(), "echo");
@@ -360,6 +375,8 @@ TEST_F(RouterTest, StubsAnswerFromTheSampleWithoutTheNetwork) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, 280ms);
     EXPECT_TRUE(delayed.results[0].value().data.empty());
     EXPECT_EQ(server.requestCount(), 0u);
+    // Nothing went near the network, so no transfer thread was started for it.
+    EXPECT_EQ(transferThreads(), threadsBefore);
 }
 
 struct Title {
