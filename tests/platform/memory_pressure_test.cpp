@@ -7,6 +7,7 @@
 #include <fstream>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -129,12 +130,19 @@ TEST(PressureStallTest, ReadsTheTenSecondAveragesOfTheKernelsText) {
     ASSERT_TRUE(reversed.has_value());
     EXPECT_DOUBLE_EQ(reversed->fullAvg10, 2.0);
 
-    EXPECT_FALSE(zul::PressureStall::parse("").has_value());
-    EXPECT_FALSE(zul::PressureStall::parse("full avg10=1.00 total=0\n").has_value());
-    EXPECT_FALSE(zul::PressureStall::parse("some avg10=x avg60=0.00\n").has_value());
-    EXPECT_FALSE(zul::PressureStall::parse("some avg60=1.00\n").has_value());
-    EXPECT_FALSE(zul::PressureStall::parse("something avg10=1.00\n").has_value());
-    EXPECT_FALSE(zul::PressureStall::parse("some avg10=-1.00\n").has_value());
+    for (const char* text : {"", "full avg10=1.00 total=0\n", "some avg10=x avg60=0.00\n", "some avg60=1.00\n",
+                             "something avg10=1.00\n", "some avg10=-1.00\n"}) {
+        EXPECT_FALSE(zul::PressureStall::parse(text).has_value()) << text;
+    }
+}
+
+// A monitor of `path` reading every 5 ms.
+std::shared_ptr<MemoryPressureMonitor> monitorOf(const std::string& path, std::chrono::milliseconds repeatAfter) {
+    MemoryPressureMonitor::Options options;
+    options.path = path;
+    options.interval = 5ms;
+    options.repeatAfter = repeatAfter;
+    return MemoryPressureMonitor::create(options);
 }
 
 // A pressure file the test controls: replaced whole (write, then rename), as the kernel's reads
@@ -166,11 +174,7 @@ TEST(MemoryPressureMonitorTest, SignalsWhenStallsPassTheThresholdsAndAgainOnlyWh
     FakePressureFile file;
     auto recorder = std::make_shared<Recorder>();
     MemoryPressure::addResponder(recorder);
-    MemoryPressureMonitor::Options options;
-    options.path = file.path();
-    options.interval = 5ms;
-    options.repeatAfter = std::chrono::hours(1);
-    auto monitor = MemoryPressureMonitor::create(options);
+    auto monitor = monitorOf(file.path(), std::chrono::hours(1));
     EXPECT_EQ(monitor->options().path, file.path());
 
     std::this_thread::sleep_for(40ms);  // several quiet readings
@@ -214,42 +218,34 @@ TEST(MemoryPressureMonitorTest, APersistingLevelIsSignalledAgainAfterTheRepeatTi
     file.set(50.0, 0.0);
     auto recorder = std::make_shared<Recorder>();
     MemoryPressure::addResponder(recorder);
-    MemoryPressureMonitor::Options options;
-    options.path = file.path();
-    options.interval = 5ms;
-    options.repeatAfter = 20ms;
-    auto monitor = MemoryPressureMonitor::create(options);
+    auto monitor = monitorOf(file.path(), 20ms);
     // The first reading comes at once; then the level repeats every 20 ms or so.
     ASSERT_TRUE(zul::test::waitUntil([&] { return recorder->levels().size() >= 3; }));
     for (Level level : recorder->levels()) EXPECT_EQ(level, Level::moderate);
 }
 
 TEST(MemoryPressureMonitorTest, RefusesAFileItCannotReadOrUnderstand) {
-    try {
-        MemoryPressureMonitor::Options options;
-        options.path = "/nonexistent/memory.pressure";
-        MemoryPressureMonitor::create(options);
-        FAIL() << "expected MemoryPressureError";
-    } catch (const zul::MemoryPressureError& error) {
-        EXPECT_STREQ(error.what(),
-                     "cannot read memory pressure from /nonexistent/memory.pressure: No such file or directory");
-        EXPECT_EQ(error.path(), "/nonexistent/memory.pressure");
-        EXPECT_EQ(error.errorNumber(), ENOENT);
-    }
+    const auto refusal = [](const std::string& path) -> std::optional<zul::MemoryPressureError> {
+        try {
+            monitorOf(path, 20ms);
+        } catch (const zul::MemoryPressureError& error) {
+            return error;
+        }
+        return std::nullopt;
+    };
+    const auto missing = refusal("/nonexistent/memory.pressure");
+    ASSERT_TRUE(missing.has_value());
+    EXPECT_STREQ(missing->what(), "cannot read memory pressure from /nonexistent/memory.pressure: No such file or directory");
+    EXPECT_EQ(missing->path(), "/nonexistent/memory.pressure");
+    EXPECT_EQ(missing->errorNumber(), ENOENT);
 
     const std::string notPressure = testing::TempDir() + "zul_not_pressure_" + std::to_string(::getpid());
     std::ofstream(notPressure) << "MemTotal: 1 kB\n";
-    try {
-        MemoryPressureMonitor::Options options;
-        options.path = notPressure;
-        MemoryPressureMonitor::create(options);
-        ADD_FAILURE() << "expected MemoryPressureError";
-    } catch (const zul::MemoryPressureError& error) {
-        EXPECT_EQ(std::string(error.what()),
-                  "cannot read memory pressure from " + notPressure + ": not a pressure-stall file");
-        EXPECT_EQ(error.errorNumber(), 0);
-    }
+    const auto wrong = refusal(notPressure);
     std::remove(notPressure.c_str());
+    ASSERT_TRUE(wrong.has_value());
+    EXPECT_EQ(std::string(wrong->what()), "cannot read memory pressure from " + notPressure + ": not a pressure-stall file");
+    EXPECT_EQ(wrong->errorNumber(), 0);
 }
 
 TEST(MemoryPressureMonitorTest, WatchesTheKernelsOwnFile) {
