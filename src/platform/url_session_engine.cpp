@@ -177,7 +177,14 @@ void URLSession::Engine::run() {
 
         // Finished transfers made room: start the next ones at once rather than after a poll.
         if (!ready_.empty() && active_.size() < maxActive_) continue;
-        curl_multi_poll(multi_, nullptr, 0, millisecondsUntil(nextIdleCheck_, now_), nullptr);
+        // libcurl 7.88 can leave HTTP/2 streams waiting (for a connection that turned out to
+        // multiplex, or on data it has already read) with neither a socket event nor a timer to
+        // wake it: while transfers that may multiplex are active, it is called at least this
+        // often.
+        constexpr int multiplexedPollMs = 50;
+        int wait = millisecondsUntil(nextIdleCheck_, now_);
+        if (multiplexCandidates_ > 0) wait = std::min(wait, multiplexedPollMs);
+        curl_multi_poll(multi_, nullptr, 0, wait, nullptr);
     }
     // Shutting down: every task has been told it was cancelled. The waiting lines may still
     // list some of them (cancelled tasks leave the line when it is next walked); they hold the
@@ -256,6 +263,7 @@ void URLSession::Engine::begin(std::shared_ptr<URLSessionTask> task, URLSessionT
     ++host.active;
     slot.activeIndex = active_.size();
     active_.push_back(&slot);
+    if (slot.mayMultiplex) ++multiplexCandidates_;
     nextIdleCheck_ = std::min(nextIdleCheck_, slot.lastActivity + slot.idleTimeout);
     curl_multi_add_handle(multi_, slot.easy);
 }

@@ -80,6 +80,7 @@ struct TransferSlot {
     std::size_t activeIndex = 0;           // position in Engine::active_
     DispatchTime lastActivity;             // when bytes last moved
     curl_off_t uploaded = 0;               // request bytes sent, at the last idle check
+    bool mayMultiplex = false;             // over TLS, where HTTP/2 may carry it
     std::chrono::seconds idleTimeout{60};
     char errorText[CURL_ERROR_SIZE] = {};
 };
@@ -278,6 +279,7 @@ private:
     std::vector<Data> spareBodies_;                   // emptied body buffers to fill again
     std::vector<DelegateEvent> batch_;
     std::size_t live_ = 0;                            // resumed and not completed
+    std::size_t multiplexCandidates_ = 0;             // active slots with mayMultiplex
     bool invalidated_ = false;
     bool invalidPosted_ = false;
     bool shuttingDown_ = false;

@@ -101,6 +101,7 @@ void URLSession::Engine::setSharedOptions(TransferSlot& slot) {
 void URLSession::Engine::releaseSlot(TransferSlot& slot) {
     if (slot.activeIndex != notActive) {
         curl_multi_remove_handle(multi_, slot.easy);
+        if (slot.mayMultiplex) --multiplexCandidates_;
         TransferSlot* last = active_.back();
         active_[slot.activeIndex] = last;
         last->activeIndex = slot.activeIndex;
@@ -139,6 +140,7 @@ std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSes
     CURL* easy = slot.easy;
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
     // Over TLS, wait for a connection that may turn out to multiplex instead of opening another.
+    slot.mayMultiplex = https;
     curl_easy_setopt(easy, CURLOPT_PIPEWAIT, https ? 1L : 0L);
 
     // Time-outs: the idle one is the engine's own (checkIdle), libcurl's connect time-out is

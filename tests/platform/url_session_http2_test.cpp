@@ -53,7 +53,7 @@ TEST(URLSessionHTTP2Test, AServerOfferingHTTP2GetsItAndCarriesConcurrentTransfer
             const std::lock_guard lock(mutex);
             return answers.size() == count;
         },
-        30s));
+        30s)) << answers.size() << " of " << count << " answered";
     ::unlink(path);
     EXPECT_EQ(failures, 0);
 
