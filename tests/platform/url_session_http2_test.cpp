@@ -22,15 +22,10 @@ TEST(URLSessionHTTP2Test, AServerOfferingHTTP2GetsItAndCarriesConcurrentTransfer
     const auto identity = zul::test::TLSIdentity::selfSigned();
     // Each answer names the protocol and the server's connection number.
     zul::test::NginxServer nginx(identity, R"(location / { return 200 "$server_protocol $connection"; })");
-    char path[] = "/tmp/zul-http2-ca-XXXXXX";
-    const int fd = ::mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::write(fd, identity.certificatePEM.data(), identity.certificatePEM.size()),
-              static_cast<ssize_t>(identity.certificatePEM.size()));
-    ::close(fd);
+    const zul::test::CertificateFile authority(identity);
 
     zul::URLSessionConfiguration configuration;
-    configuration.caInfoFile = path;
+    configuration.caInfoFile = authority.path();
     configuration.httpMaximumConnectionsPerHost = 4;
     auto session = zul::URLSession::create(configuration);
     constexpr int count = 40;
@@ -54,7 +49,6 @@ TEST(URLSessionHTTP2Test, AServerOfferingHTTP2GetsItAndCarriesConcurrentTransfer
             return answers.size() == count;
         },
         30s)) << answers.size() << " of " << count << " answered";
-    ::unlink(path);
     EXPECT_EQ(failures, 0);
 
     std::set<std::string> connections;

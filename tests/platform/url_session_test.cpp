@@ -718,17 +718,12 @@ TEST(URLSessionTest, TLSIsVerifiedUnlessSwitchedOffAndTrustsTheConfiguredAuthori
         s.Get("/hello", [](const httplib::Request&, httplib::Response& res) { res.set_content("secure", "text/plain"); });
     });
     ASSERT_EQ(server.url("/hello").substr(0, 8), "https://");
-    char path[] = "/tmp/zul-url-session-ca-XXXXXX";
-    const int fd = ::mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::write(fd, identity.certificatePEM.data(), identity.certificatePEM.size()),
-              static_cast<ssize_t>(identity.certificatePEM.size()));
-    ::close(fd);
+    const zul::test::CertificateFile authority(identity);
 
     URLSessionConfiguration unverified;
     unverified.tlsVerifyPeer = false;
     URLSessionConfiguration trusting;
-    trusting.caInfoFile = path;
+    trusting.caInfoFile = authority.path();
     auto strict = URLSession::create();
     auto lax = URLSession::create(unverified);
     auto trusted = URLSession::create(trusting);
@@ -739,7 +734,6 @@ TEST(URLSessionTest, TLSIsVerifiedUnlessSwitchedOffAndTrustsTheConfiguredAuthori
     lax->dataTask(requestFor(server.url("/hello")), accepted.handler())->resume();
     trusted->dataTask(requestFor(server.url("/hello")), verified.handler())->resume();
     ASSERT_TRUE(waitUntil([&] { return refused.done() && accepted.done() && verified.done(); }));
-    ::unlink(path);
 
     ASSERT_TRUE(refused.error);  // a certificate nobody vouches for
     EXPECT_EQ(refused.error->code(), URLError::unknown);

@@ -264,6 +264,30 @@ private:
     bool stopping_ = false;
 };
 
+/// The certificate of a TLSIdentity in a temporary PEM file, for clients told to trust it; the
+/// file goes with the object.
+class CertificateFile {
+public:
+    explicit CertificateFile(const TLSIdentity& identity) {
+        char pattern[] = "/tmp/zul-ca-XXXXXX";
+        const int fd = ::mkstemp(pattern);
+        if (fd < 0) throw std::runtime_error("CertificateFile: mkstemp failed");
+        path_ = pattern;
+        const std::string& pem = identity.certificatePEM;
+        const bool written = ::write(fd, pem.data(), pem.size()) == static_cast<ssize_t>(pem.size());
+        ::close(fd);
+        if (!written) throw std::runtime_error("CertificateFile: write failed");
+    }
+    ~CertificateFile() { ::unlink(path_.c_str()); }
+    CertificateFile(const CertificateFile&) = delete;
+    CertificateFile& operator=(const CertificateFile&) = delete;
+
+    const std::string& path() const noexcept { return path_; }
+
+private:
+    std::string path_;
+};
+
 /// A port on 127.0.0.1 on which nothing listens: an ephemeral port is bound and let go again,
 /// so connecting to it is refused (unless another process happens to take it meanwhile).
 inline int unusedLoopbackPort() {
