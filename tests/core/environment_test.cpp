@@ -9,6 +9,7 @@
 #include <latch>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "core/environment_state.hpp"
@@ -53,7 +54,7 @@ TEST(ZulTechSettingsTest, TakesPlatformOnlyWhenItIsText) {
     EXPECT_EQ(ZulTechSettings().platform, std::nullopt);
 }
 
-TEST(ZulEnvironmentStateTest, ReadsIdentifierAndVersionOnceOnFirstAccess) {
+TEST(ZulEnvironmentStateTest, ReadsIdentifierAndVersionOnceOnFirstAccessUnlessAssigned) {
     CountingState s(bundleWith({{"CFBundleIdentifier", "tv.example.player"}, {"CFBundleShortVersionString", "2.4.1"}}));
     EXPECT_EQ(s.lookups.load(), 0) << "nothing is read before it is asked for";
     EXPECT_EQ(s.state.bundleIdentifier(), "tv.example.player");
@@ -74,15 +75,14 @@ TEST(ZulEnvironmentStateTest, ReadsIdentifierAndVersionOnceOnFirstAccess) {
     s.state.setAppVersion("3.0");
     EXPECT_EQ(s.state.appVersion(), "3.0");
     EXPECT_EQ(s.lookups.load(), 2);
-}
 
-TEST(ZulEnvironmentStateTest, AnAssignmentBeforeFirstAccessMeansTheBundleIsNeverRead) {
-    CountingState s(bundleWith({{"CFBundleIdentifier", "from.bundle"}, {"CFBundleShortVersionString", "1.0"}}));
-    s.state.setBundleIdentifier("from.host");
-    s.state.setAppVersion(std::nullopt);
-    EXPECT_EQ(s.state.bundleIdentifier(), "from.host");
-    EXPECT_EQ(s.state.appVersion(), std::nullopt) << "an assigned absent is not replaced by the bundle's version";
-    EXPECT_EQ(s.lookups.load(), 0);
+    // An assignment before first access means the bundle is never read.
+    CountingState early(bundleWith({{"CFBundleIdentifier", "from.bundle"}, {"CFBundleShortVersionString", "1.0"}}));
+    early.state.setBundleIdentifier("from.host");
+    early.state.setAppVersion(std::nullopt);
+    EXPECT_EQ(early.state.bundleIdentifier(), "from.host");
+    EXPECT_EQ(early.state.appVersion(), std::nullopt) << "an assigned absent is not replaced by the bundle's version";
+    EXPECT_EQ(early.lookups.load(), 0);
 }
 
 TEST(ZulEnvironmentStateTest, DefaultsWhenTheBundleSaysNothingUsable) {
@@ -99,7 +99,7 @@ TEST(ZulEnvironmentStateTest, DefaultsWhenTheBundleSaysNothingUsable) {
     EXPECT_EQ(numbers.state.appVersion(), std::nullopt);
 }
 
-TEST(ZulEnvironmentStateTest, SettingsAreReadAnewOnEveryCall) {
+TEST(ZulEnvironmentStateTest, SettingsAreReadAnewOnEveryCallAndTakeOnlyADictionary) {
     CountingState s(bundleWith({}));
     EXPECT_EQ(s.state.settings().platform, std::nullopt) << "no entry";
     s.bundle->setInfoDictionary({{"ZulTechSettings", AnyMap{{"Platform", "stb"}}}});
@@ -150,20 +150,13 @@ TEST(ZulUserDefaultsReaderTest, ReadsAndWritesTextThroughTheStore) {
         auto store = zul::UserDefaults::create(directory / "preferences.json");
         std::shared_ptr<zul::ValueReader> reader = zul::ZulUserDefaultsReader::create(store);
 
-        reader->set(AnyValue("stb"), "platform");
-        reader->set(AnyValue(true), "enabled");
-        reader->set(AnyValue(false), "disabled");
-        reader->set(AnyValue(720), "height");
-        reader->set(AnyValue(1.0), "one");
-        reader->set(AnyValue(12.34), "price");
-        reader->set(AnyValue(zul::Data{1, 2, 3}), "bytes");
-        EXPECT_EQ(reader->stringValue("platform"), "stb");
-        EXPECT_EQ(reader->stringValue("enabled"), "1");
-        EXPECT_EQ(reader->stringValue("disabled"), "0");
-        EXPECT_EQ(reader->stringValue("height"), "720");
-        EXPECT_EQ(reader->stringValue("one"), "1.0");
-        EXPECT_EQ(reader->stringValue("price"), "12.34");
-        EXPECT_EQ(reader->stringValue("bytes"), std::nullopt);
+        const std::tuple<AnyValue, const char*, std::optional<std::string>> values[] = {
+            {AnyValue("stb"), "platform", "stb"}, {AnyValue(true), "enabled", "1"}, {AnyValue(false), "disabled", "0"},
+            {AnyValue(720), "height", "720"},     {AnyValue(1.0), "one", "1.0"},    {AnyValue(12.34), "price", "12.34"},
+            {AnyValue(zul::Data{1, 2, 3}), "bytes", std::nullopt},  // no text form
+        };
+        for (const auto& [value, key, text] : values) reader->set(value, key);
+        for (const auto& [value, key, text] : values) EXPECT_EQ(reader->stringValue(key), text) << key;
         EXPECT_EQ(reader->stringValue("missing"), std::nullopt);
 
         // Absent removes, in the store too.

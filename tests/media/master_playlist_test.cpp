@@ -41,80 +41,59 @@ MediaPlaylist variant(std::int64_t programId, std::int64_t bandwidth, std::optio
     return result;
 }
 
-TEST(MasterPlaylistTest, ReadsAVariantWithItsAttributes) {
-    const MasterPlaylist master = parse(
-        "#EXTM3U\n"
-        "#EXT-X-STREAM-INF:BANDWIDTH=1280000,RESOLUTION=1280x720,CODECS=\"avc1.4d401f,mp4a.40.2\"\n"
-        "http://example.com/720.m3u8\n");
-    EXPECT_EQ(master.path, std::nullopt);
-    ASSERT_EQ(master.getPlaylistCount(), 1);
-    EXPECT_EQ(master.playlists[0], variant(0, 1280000, VideoSize{1280, 720}, "http://example.com/720.m3u8"));
-    EXPECT_TRUE(master.playlists[0].segments.empty());
-    EXPECT_EQ(master.playlists[0].version, std::nullopt);
-}
+using Variants = std::vector<MediaPlaylist>;
 
-TEST(MasterPlaylistTest, ReadsSeveralVariantsInOrder) {
+TEST(MasterPlaylistTest, ReadsVariantsInOrderWithTheirAttributes) {
     const MasterPlaylist master = parse(
         "#EXTM3U\n"
         "#EXT-X-VERSION:3\n"
-        "#EXT-X-STREAM-INF:PROGRAM-ID=1,BANDWIDTH=400000,RESOLUTION=640x360_low\n"
-        "low.m3u8\n"
+        "#EXT-X-STREAM-INF:PROGRAM-ID=1,BANDWIDTH=1280000,RESOLUTION=1280x720,CODECS=\"avc1.4d401f,mp4a.40.2\"\n"
+        "http://example.com/720.m3u8\n"
         "\n"
         "# a comment\n"
-        "#EXT-X-STREAM-INF:PROGRAM-ID=2,BANDWIDTH=2500000,RESOLUTION=1920x1080\n"
-        "high.m3u8\n");
-    ASSERT_EQ(master.getPlaylistCount(), 2);
-    EXPECT_EQ(master.playlists[0], variant(1, 400000, VideoSize{640, 360}, "low.m3u8"));
-    EXPECT_EQ(master.playlists[1], variant(2, 2500000, VideoSize{1920, 1080}, "high.m3u8"));
-}
-
-TEST(MasterPlaylistTest, UnusableAttributeValuesBecomeDefaults) {
-    const MasterPlaylist master = parse(
-        "#EXT-X-STREAM-INF:PROGRAM-ID=abc,BANDWIDTH=,RESOLUTION=1280X720\na.m3u8\n"
-        "#EXT-X-STREAM-INF:BANDWIDTH=12.5,RESOLUTION=-1x720\nb.m3u8\n"
-        "#EXT-X-STREAM-INF:BANDWIDTH=\"100\",RESOLUTION=\"640x360\"\nc.m3u8\n"
-        "#EXT-X-STREAM-INF:PROGRAM-ID=-3,BANDWIDTH=+7,RESOLUTION=-1x2\nd.m3u8\n");
-    ASSERT_EQ(master.getPlaylistCount(), 4);
-    EXPECT_EQ(master.playlists[0], variant(0, 0, std::nullopt, "a.m3u8"));
-    EXPECT_EQ(master.playlists[1], variant(0, 0, std::nullopt, "b.m3u8"));
-    // Quoted values keep their quotes, so they are not numbers or sizes.
-    EXPECT_EQ(master.playlists[2], variant(0, 0, std::nullopt, "c.m3u8"));
-    // A sign is outside the value class, so signed values are not attributes at all.
-    EXPECT_EQ(master.playlists[3], variant(0, 0, std::nullopt, "d.m3u8"));
-}
-
-TEST(MasterPlaylistTest, AStreamTagWithoutAttributesStillPairsWithTheNextURI) {
-    const MasterPlaylist master =
-        parse("#EXT-X-STREAM-INF:BANDWIDTH=5,RESOLUTION=2x2\n#EXT-X-STREAM-INF\nplain.m3u8\n");
-    ASSERT_EQ(master.getPlaylistCount(), 1);
-    EXPECT_EQ(master.playlists[0], variant(0, 0, std::nullopt, "plain.m3u8"));
-}
-
-TEST(MasterPlaylistTest, EveryURIAfterAStreamTagRepeatsItsAttributes) {
-    const MasterPlaylist master = parse("#EXT-X-STREAM-INF:BANDWIDTH=800000\nmain.m3u8\nbackup.m3u8\n");
-    ASSERT_EQ(master.getPlaylistCount(), 2);
-    EXPECT_EQ(master.playlists[0], variant(0, 800000, std::nullopt, "main.m3u8"));
-    EXPECT_EQ(master.playlists[1], variant(0, 800000, std::nullopt, "backup.m3u8"));
-}
-
-TEST(MasterPlaylistTest, URIsBeforeAnyStreamTagAndOtherTagsAreIgnored) {
-    const MasterPlaylist master = parse(
-        "orphan.m3u8\n"
-        "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"aud\",NAME=\"English\",URI=\"audio.m3u8\"\n"
-        "#EXT-X-I-FRAME-STREAM-INF:BANDWIDTH=9,URI=\"iframe.m3u8\"\n"
-        "#ext-x-stream-inf:BANDWIDTH=9\n"
-        "still-orphan.m3u8\n"
-        "#EXT-X-STREAM-INF:BANDWIDTH=1\n"
-        "kept.m3u8\n");
-    ASSERT_EQ(master.getPlaylistCount(), 1);
-    EXPECT_EQ(master.playlists[0], variant(0, 1, std::nullopt, "kept.m3u8"));
-}
-
-TEST(MasterPlaylistTest, TheHeaderTagIsOptional) {
+        "#EXT-X-STREAM-INF:PROGRAM-ID=2,BANDWIDTH=400000,RESOLUTION=640x360_low\n"
+        "low.m3u8\n");
+    // Compared whole: a variant has no path of its own, no header values and no segments.
+    MasterPlaylist expected;
+    expected.playlists = {variant(1, 1280000, VideoSize{1280, 720}, "http://example.com/720.m3u8"),
+                          variant(2, 400000, VideoSize{640, 360}, "low.m3u8")};
+    EXPECT_EQ(master, expected);
+    // The header tag is optional.
     const std::string body = "#EXT-X-STREAM-INF:BANDWIDTH=1280000,RESOLUTION=1280x720\nv.m3u8\n";
     EXPECT_EQ(parse(body), parse("#EXTM3U\n" + body));
     EXPECT_EQ(parse(body).getPlaylistCount(), 1);
     EXPECT_EQ(parse("").getPlaylistCount(), 0);
+}
+
+TEST(MasterPlaylistTest, UnusableAttributeValuesBecomeDefaults) {
+    EXPECT_EQ(parse("#EXT-X-STREAM-INF:PROGRAM-ID=abc,BANDWIDTH=,RESOLUTION=1280X720\na.m3u8\n"
+                    "#EXT-X-STREAM-INF:BANDWIDTH=12.5,RESOLUTION=-1x720\nb.m3u8\n"
+                    // Quoted values keep their quotes, so they are not numbers or sizes.
+                    "#EXT-X-STREAM-INF:BANDWIDTH=\"100\",RESOLUTION=\"640x360\"\nc.m3u8\n"
+                    // A sign is outside the value class, so signed values are not attributes at all.
+                    "#EXT-X-STREAM-INF:PROGRAM-ID=-3,BANDWIDTH=+7,RESOLUTION=-1x2\nd.m3u8\n")
+                  .playlists,
+              (Variants{variant(0, 0, std::nullopt, "a.m3u8"), variant(0, 0, std::nullopt, "b.m3u8"),
+                        variant(0, 0, std::nullopt, "c.m3u8"), variant(0, 0, std::nullopt, "d.m3u8")}));
+}
+
+TEST(MasterPlaylistTest, EachURIPairsWithTheLatestStreamTag) {
+    // A stream tag without attributes still replaces the earlier one.
+    EXPECT_EQ(parse("#EXT-X-STREAM-INF:BANDWIDTH=5,RESOLUTION=2x2\n#EXT-X-STREAM-INF\nplain.m3u8\n").playlists,
+              Variants{variant(0, 0, std::nullopt, "plain.m3u8")});
+    // Every URI after a stream tag repeats its attributes.
+    EXPECT_EQ(parse("#EXT-X-STREAM-INF:BANDWIDTH=800000\nmain.m3u8\nbackup.m3u8\n").playlists,
+              (Variants{variant(0, 800000, std::nullopt, "main.m3u8"), variant(0, 800000, std::nullopt, "backup.m3u8")}));
+    // URIs before any stream tag, and other tags (prefixes are case-sensitive), are ignored.
+    EXPECT_EQ(parse("orphan.m3u8\n"
+                    "#EXT-X-MEDIA:TYPE=AUDIO,GROUP-ID=\"aud\",NAME=\"English\",URI=\"audio.m3u8\"\n"
+                    "#EXT-X-I-FRAME-STREAM-INF:BANDWIDTH=9,URI=\"iframe.m3u8\"\n"
+                    "#ext-x-stream-inf:BANDWIDTH=9\n"
+                    "still-orphan.m3u8\n"
+                    "#EXT-X-STREAM-INF:BANDWIDTH=1\n"
+                    "kept.m3u8\n")
+                  .playlists,
+              Variants{variant(0, 1, std::nullopt, "kept.m3u8")});
 }
 
 TEST(MasterPlaylistTest, GetPlaylistIsAbsentOutOfRange) {
@@ -126,24 +105,21 @@ TEST(MasterPlaylistTest, GetPlaylistIsAbsentOutOfRange) {
     EXPECT_EQ(master.getPlaylist(-1), std::nullopt);
 }
 
-TEST(MasterPlaylistTest, GetParametersKeepsQuotesAndOrder) {
-    EXPECT_EQ(parameters("#EXT-X-STREAM-INF:BANDWIDTH=1280000,RESOLUTION=1280x720,CODECS=\"avc1.4d401f,mp4a.40.2\""),
-              (Entries{{"BANDWIDTH", "1280000"}, {"RESOLUTION", "1280x720"}, {"CODECS", "\"avc1.4d401f,mp4a.40.2\""}}));
-    EXPECT_EQ(parameters("NAME=\"English (US)\",LANGUAGE=\"en\""), (Entries{{"LANGUAGE", "\"en\""}}));
-    EXPECT_EQ(parameters("A=\"x y.z\""), (Entries{{"A", "\"x y.z\""}}));
-}
-
-TEST(MasterPlaylistTest, GetParametersTakesOnlyWordValues) {
-    // A value stops at a character outside its class; the rest is not an attribute.
-    EXPECT_EQ(parameters("URI=http://host/a,FRAME-RATE=29.97"), (Entries{{"URI", "http"}, {"FRAME-RATE", "29.97"}}));
-    EXPECT_EQ(parameters("K=\u00E9t\u00E9\u0663"), (Entries{{"K", "\u00E9t\u00E9\u0663"}}));
-    EXPECT_EQ(parameters("no attributes here"), Entries{});
-    EXPECT_EQ(parameters("=1,A=,B=\"\""), Entries{});
-    EXPECT_EQ(parameters(""), Entries{});
-}
-
-TEST(MasterPlaylistTest, GetParametersLetsLaterKeysOverwriteInPlace) {
-    EXPECT_EQ(parameters("A=1,B=2,A=3"), (Entries{{"A", "3"}, {"B", "2"}}));
+TEST(MasterPlaylistTest, GetParametersTakesWordOrQuotedValuesInOrderLaterKeysOverwritingInPlace) {
+    const std::pair<std::string_view, Entries> cases[] = {
+        {"#EXT-X-STREAM-INF:BANDWIDTH=1280000,RESOLUTION=1280x720,CODECS=\"avc1.4d401f,mp4a.40.2\"",
+         {{"BANDWIDTH", "1280000"}, {"RESOLUTION", "1280x720"}, {"CODECS", "\"avc1.4d401f,mp4a.40.2\""}}},
+        {"NAME=\"English (US)\",LANGUAGE=\"en\"", {{"LANGUAGE", "\"en\""}}},
+        {"A=\"x y.z\"", {{"A", "\"x y.z\""}}},
+        // A value stops at a character outside its class; the rest is not an attribute.
+        {"URI=http://host/a,FRAME-RATE=29.97", {{"URI", "http"}, {"FRAME-RATE", "29.97"}}},
+        {"K=\u00E9t\u00E9\u0663", {{"K", "\u00E9t\u00E9\u0663"}}},
+        {"no attributes here", {}},
+        {"=1,A=,B=\"\"", {}},
+        {"", {}},
+        {"A=1,B=2,A=3", {{"A", "3"}, {"B", "2"}}},
+    };
+    for (const auto& [text, expected] : cases) EXPECT_EQ(parameters(text), expected) << text;
 }
 
 }  // namespace

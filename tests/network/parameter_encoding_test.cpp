@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <limits>
+#include <string>
 
 #include "zul/network/parameter_encoding.hpp"
 
@@ -14,6 +16,17 @@ URLRequest requestFor(const char* url) { return URLRequest(zul::URL::fromString(
 
 std::string urlOf(const URLRequest& request) { return request.url()->absoluteString(); }
 
+template <class F>
+NetworkRouterError failure(F&& encode) {
+    try {
+        encode();
+    } catch (const NetworkRouterError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "the encoder did not fail";
+    return NetworkRouterError::unknownError();
+}
+
 TEST(URLParameterEncoderTest, ReplacesTheQueryWithOneItemPerParameterPrintedAsText) {
     auto request = requestFor("https://h/x?x=1");
     const AnyMap parameters{{"y", 2}};
@@ -26,29 +39,21 @@ TEST(URLParameterEncoderTest, ReplacesTheQueryWithOneItemPerParameterPrintedAsTe
     // Text and printed values alike go through the query items' percent-encoding.
     EXPECT_EQ(urlOf(mixed), "https://h/search?q=star%20wars%20%26%20more&adult=false&ids=%5B1,%202%5D&ratio=0.5");
     EXPECT_TRUE(mixed.allHTTPHeaderFields().empty());
-}
 
-TEST(URLParameterEncoderTest, AbsentEmptyAndMissingURL) {
+    // Absent parameters leave the query alone; empty ones empty it; without a URL nothing can be encoded.
     auto untouched = requestFor("https://h/x?keep=1");
     zul::URLParameterEncoder::encode(nullptr, untouched);
     EXPECT_EQ(urlOf(untouched), "https://h/x?keep=1");
-
     auto emptied = requestFor("https://h/x?drop=1#top");
     const AnyMap none;
     zul::URLParameterEncoder::encode(&none, emptied);
     EXPECT_EQ(urlOf(emptied), "https://h/x?#top");
-
     URLRequest withoutURL;
-    try {
-        zul::URLParameterEncoder::encode(&none, withoutURL);
-        FAIL() << "no error";
-    } catch (const NetworkRouterError& error) {
-        EXPECT_EQ(error.kind(), NetworkRouterError::Kind::invalidUrl);
-    }
-    EXPECT_THROW(zul::URLParameterEncoder::encode(nullptr, withoutURL), NetworkRouterError);
+    EXPECT_EQ(failure([&] { zul::URLParameterEncoder::encode(&none, withoutURL); }).kind(), NetworkRouterError::Kind::invalidUrl);
+    EXPECT_EQ(failure([&] { zul::URLParameterEncoder::encode(nullptr, withoutURL); }).kind(), NetworkRouterError::Kind::invalidUrl);
 }
 
-TEST(JSONParameterEncoderTest, WritesAPrettyBodyAndSetsOrReplacesTheContentType) {
+TEST(JSONParameterEncoderTest, WritesAPrettyBodyAndSetsTheContentTypeOrFailsLeavingTheRequestAlone) {
     auto request = requestFor("https://h/x");
     const AnyMap parameters{{"title", "a/b"}, {"year", 1977}, {"tags", zul::AnyList{"x"}}};
     zul::JSONParameterEncoder::encode(&parameters, request);
@@ -69,26 +74,21 @@ TEST(JSONParameterEncoderTest, WritesAPrettyBodyAndSetsOrReplacesTheContentType)
     zul::JSONParameterEncoder::encode(nullptr, untouched);
     EXPECT_FALSE(untouched.httpBody().has_value());
     EXPECT_TRUE(untouched.allHTTPHeaderFields().empty());
-}
 
-TEST(JSONParameterEncoderTest, AValueJSONCannotHoldFailsWithTheParametersAndLeavesTheRequestAlone) {
-    auto request = requestFor("https://h/x");
-    request.setHTTPBody(zul::dataFromString("before"));
-    const AnyMap parameters{{"name", "x"}, {"when", zul::Date(std::chrono::seconds(1551675967))}};
-    try {
-        zul::JSONParameterEncoder::encode(&parameters, request);
-        FAIL() << "no error";
-    } catch (const NetworkRouterError& error) {
-        ASSERT_EQ(error.kind(), NetworkRouterError::Kind::encoding);
-        ASSERT_NE(error.params(), nullptr);
-        EXPECT_EQ(*error.params(), parameters);
-        EXPECT_EQ(error.description(), "encoding(params: [\"name\": \"x\", \"when\": 2019-03-04 05:06:07 +0000])");
-    }
-    EXPECT_EQ(zul::stringFromData(*request.httpBody()), "before");
-    EXPECT_FALSE(request.value("Content-Type").has_value());
-
+    // A value JSON cannot hold fails with the parameters, and the request keeps what it had.
+    auto refused = requestFor("https://h/x");
+    refused.setHTTPBody(zul::dataFromString("before"));
+    const AnyMap dated{{"name", "x"}, {"when", zul::Date(std::chrono::seconds(1551675967))}};
+    const auto error = failure([&] { zul::JSONParameterEncoder::encode(&dated, refused); });
+    ASSERT_EQ(error.kind(), NetworkRouterError::Kind::encoding);
+    ASSERT_NE(error.params(), nullptr);
+    EXPECT_EQ(*error.params(), dated);
+    EXPECT_EQ(error.description(), "encoding(params: [\"name\": \"x\", \"when\": 2019-03-04 05:06:07 +0000])");
+    EXPECT_EQ(zul::stringFromData(*refused.httpBody()), "before");
+    EXPECT_FALSE(refused.value("Content-Type").has_value());
     const AnyMap notFinite{{"x", std::numeric_limits<double>::infinity()}};
-    EXPECT_THROW(zul::JSONParameterEncoder::encode(&notFinite, request), NetworkRouterError);
+    EXPECT_EQ(failure([&] { zul::JSONParameterEncoder::encode(&notFinite, refused); }).kind(),
+              NetworkRouterError::Kind::encoding);
 }
 
 }  // namespace

@@ -23,7 +23,6 @@ TEST(ResponseTest, CreateKeepsResponseAndRequestAndReplacesStatusAndBody) {
 }
 
 TEST(NetworkRouterErrorTest, CasesCarryTheirPayloadsAndDescribeThemselves) {
-    EXPECT_EQ(NetworkRouterError::invalidEnvironment().kind(), NetworkRouterError::Kind::invalidEnvironment);
     EXPECT_STREQ(NetworkRouterError::requestTimeOut().what(), "requestTimeOut");
     EXPECT_EQ(NetworkRouterError::noInternetConnection().description(), "noInternetConnection");
     EXPECT_EQ(NetworkRouterError::cancelled().params(), nullptr);
@@ -46,15 +45,13 @@ TEST(NetworkRouterErrorTest, CasesCarryTheirPayloadsAndDescribeThemselves) {
     EXPECT_EQ(any.as<NetworkRouterError>()->kind(), NetworkRouterError::Kind::cancelledByPlugin);
 }
 
-TEST(StubBehaviorTest, CasesAndDelay) {
-    EXPECT_EQ(zul::StubBehavior::delayed(1.5).kind(), zul::StubBehavior::Kind::delayed);
-    EXPECT_EQ(zul::StubBehavior::delayed(1.5).seconds(), 1.5);
+TEST(StubBehaviorTest, EqualityComparesTheCaseAndTheDelay) {
     EXPECT_EQ(zul::StubBehavior::never(), zul::StubBehavior::never());
     EXPECT_NE(zul::StubBehavior::immediate(), zul::StubBehavior::never());
     EXPECT_NE(zul::StubBehavior::delayed(1), zul::StubBehavior::delayed(2));
 }
 
-TEST(ResultOperationsTest, OptionalOrErrorTupleAndObservers) {
+TEST(ResultOperationsTest, OptionalOrErrorTupleObserversAndThrowingBodies) {
     RouterResult present(std::optional<int>(4), NetworkRouterError::invalidUrl());
     RouterResult absent(std::optional<int>(), NetworkRouterError::invalidUrl());
     EXPECT_EQ(present.value(), 4);
@@ -75,9 +72,8 @@ TEST(ResultOperationsTest, OptionalOrErrorTupleAndObservers) {
     EXPECT_EQ(seen, 4);
     EXPECT_EQ(failures, 1);
     EXPECT_TRUE(zul::Result<zul::Void>::succeeded().isSuccess());
-}
 
-TEST(ResultOperationsTest, ThrowingFlatMapAndCatchToResultCollectThrownErrors) {
+    // A throwing flatMap and catchToResult collect what the body throws.
     const RouterResult four = zul::success(4);
     const auto doubled = four.flatMap([](int v) { return v * 2; });
     EXPECT_EQ(doubled.value(), 8);

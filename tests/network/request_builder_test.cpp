@@ -122,26 +122,24 @@ TEST(RequestBuilderTest, DataServiceMembers) {
     EXPECT_TRUE(withData->urlParameters.empty());
 }
 
-TEST(RequestBuilderTest, HeadersMergeServiceOverRouterAndApplyAfterTheEncoders) {
+TEST(RequestBuilderTest, TasksEncodeInTheirOrderAndHeadersMergeServiceOverRouterAfterTheEncoders) {
     const Host host("h");
     TestService service;
     service.serviceTask = Task::requestParameters(AnyMap{{"a", 1}}, zul::ParameterEncoding::json);
     service.serviceHeaders = HeaderMap{{"Content-Type", "application/vnd.api+json"}, {"X-Client", "service"}};
     const HeaderMap router{{"X-Client", "router"}, {"X-Router", "yes"}};
-    const auto request = zul::detail::buildRequest(service, &host, &router);
+    auto request = zul::detail::buildRequest(service, &host, &router);
     EXPECT_EQ(request.value("Content-Type"), "application/vnd.api+json");  // beats the JSON encoder's
     EXPECT_EQ(request.value("X-Client"), "service");                       // beats the router's
     EXPECT_EQ(request.value("X-Router"), "yes");
     EXPECT_EQ(request.allHTTPHeaderFields().size(), 3u);
     EXPECT_EQ(zul::stringFromData(*request.httpBody()), "{\n  \"a\" : 1\n}");
-}
 
-TEST(RequestBuilderTest, TasksEncodeInTheirOrder) {
-    const Host host("h");
-    TestService service;
+    // Each kind of task runs its encoders in its own order.
+    service.serviceHeaders.reset();
     service.servicePath = "search";
     service.serviceTask = Task::requestCompositeParameters(AnyMap{}, AnyMap{{"q", "a b"}});
-    auto request = zul::detail::buildRequest(service, &host, nullptr);
+    request = zul::detail::buildRequest(service, &host, nullptr);
     EXPECT_EQ(request.url()->absoluteString(), "https://h/search?q=a%20b");
     EXPECT_EQ(zul::stringFromData(*request.httpBody()), "{\n\n}");
     EXPECT_EQ(request.value("Content-Type"), "application/json");

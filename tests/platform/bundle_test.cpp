@@ -67,7 +67,7 @@ TEST_F(BundleTest, ReadsTheInformationDictionaryFromInfoJson) {
                                               "Ratio", "Whole", "Debug", "Nothing", "ZulTechSettings"}));
 }
 
-TEST_F(BundleTest, TheIdentifierIsAbsentWhenMissingOrNotText) {
+TEST_F(BundleTest, AMissingInfoFileReadsAsEmptySilentlyAndAnUnusableOneWithOneLineOnStandardError) {
     testing::internal::CaptureStderr();
     auto without = Bundle::create(directory_);  // no Info.json at all
     EXPECT_TRUE(without->infoDictionary()->empty());
@@ -75,13 +75,6 @@ TEST_F(BundleTest, TheIdentifierIsAbsentWhenMissingOrNotText) {
     EXPECT_EQ(Bundle::create(directory_ / "does-not-exist")->bundleIdentifier(), std::nullopt);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "a missing file is not an error";
 
-    writeInfo(R"({"CFBundleIdentifier": 42})");
-    auto numeric = Bundle::create(directory_);
-    EXPECT_EQ(numeric->bundleIdentifier(), std::nullopt);
-    EXPECT_EQ(numeric->object("CFBundleIdentifier"), AnyValue(42));
-}
-
-TEST_F(BundleTest, AnUnusableInfoFileReadsAsEmptyWithOneLineOnStandardError) {
     const std::string path = (directory_ / "Info.json").string();
     const struct {
         const char* text;
@@ -115,7 +108,12 @@ TEST_F(BundleTest, AnUnusableInfoFileReadsAsEmptyWithOneLineOnStandardError) {
               "ZulFoundation: ignoring the information dictionary " + path + ": Is a directory\n");
 }
 
-TEST_F(BundleTest, TheHostCanSetTheDictionaryAndTheFileIsReadOnce) {
+TEST_F(BundleTest, TheIdentifierMustBeTextTheFileIsReadOnceAndTheHostCanReplaceIt) {
+    writeInfo(R"({"CFBundleIdentifier": 42})");
+    auto numeric = Bundle::create(directory_);
+    EXPECT_EQ(numeric->bundleIdentifier(), std::nullopt) << "an identifier that is not text";
+    EXPECT_EQ(numeric->object("CFBundleIdentifier"), AnyValue(42));
+
     writeInfo(R"({"CFBundleIdentifier": "from.file"})");
     auto bundle = Bundle::create(directory_);
     auto snapshot = bundle->infoDictionary();
@@ -138,7 +136,7 @@ TEST_F(BundleTest, TheHostCanSetTheDictionaryAndTheFileIsReadOnce) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(BundleTest, TheMainBundleIsTheExecutablesDirectoryUnlessTheHostSetsOne) {
+TEST_F(BundleTest, TheMainBundleIsTheExecutablesDirectoryUnlessTheHostOrZulBundlePathSetsOne) {
     Bundle::setMain(nullptr);
     const auto executableDirectory = std::filesystem::read_symlink("/proc/self/exe").parent_path();
     const char* override = std::getenv("ZUL_BUNDLE_PATH");
@@ -154,21 +152,20 @@ TEST_F(BundleTest, TheMainBundleIsTheExecutablesDirectoryUnlessTheHostSetsOne) {
     Bundle::setMain(nullptr);
     EXPECT_NE(Bundle::main(), custom);
     EXPECT_EQ(Bundle::main()->bundlePath(), expected);
-}
 
-TEST_F(BundleTest, ZulBundlePathNamesTheMainBundleOfAnotherProcess) {
+    // In another process ZUL_BUNDLE_PATH names the main bundle; without it, the helper's own
+    // directory, which has no Info.json. The helper prints the path and the identifier.
+    const auto mainBundleOfHelper = [](const std::string& setting) {
+        zul::test::ChildProcess helper(ZUL_PREFERENCES_HELPER, {"bundle"}, {"ZUL_BUNDLE_PATH=" + setting});
+        EXPECT_GT(helper.pid(), 0);
+        std::string output = helper.readAll();
+        EXPECT_EQ(helper.exitCode(), 0);
+        return output;
+    };
     writeInfo(R"({"CFBundleIdentifier": "tv.example.player"})");
-    zul::test::ChildProcess overridden(ZUL_PREFERENCES_HELPER, {"bundle"}, {"ZUL_BUNDLE_PATH=" + directory_.string()});
-    ASSERT_GT(overridden.pid(), 0);
-    EXPECT_EQ(overridden.readAll(), directory_.string() + "\ntv.example.player\n");
-    EXPECT_EQ(overridden.exitCode(), 0);
-
-    // Without it, the helper's own directory, which has no Info.json.
-    zul::test::ChildProcess plain(ZUL_PREFERENCES_HELPER, {"bundle"}, {"ZUL_BUNDLE_PATH="});
-    ASSERT_GT(plain.pid(), 0);
-    EXPECT_EQ(plain.readAll(),
+    EXPECT_EQ(mainBundleOfHelper(directory_.string()), directory_.string() + "\ntv.example.player\n");
+    EXPECT_EQ(mainBundleOfHelper(""),
               std::filesystem::canonical(ZUL_PREFERENCES_HELPER).parent_path().string() + "\n(none)\n");
-    EXPECT_EQ(plain.exitCode(), 0);
 }
 
 TEST_F(BundleTest, ReadersAlwaysSeeAWholeDictionaryWhileTheHostReplacesIt) {

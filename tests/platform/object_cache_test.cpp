@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <initializer_list>
 #include <latch>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "zul/platform/object_cache.hpp"
@@ -14,36 +17,44 @@ namespace {
 
 using zul::MemoryPressure;
 using zul::ObjectCache;
+using Held = std::vector<std::optional<int>>;
+
+// Reads `keys` in order (each read counts as a use) and returns what they hold.
+template <class Cache, class Key>
+Held values(const Cache& cache, std::initializer_list<Key> keys) {
+    Held result;
+    for (const Key& key : keys) result.push_back(cache->object(key));
+    return result;
+}
 
 TEST(ObjectCacheTest, StoresReplacesRemovesAndCountsCost) {
     auto cache = ObjectCache<int, std::string>::create();
-    EXPECT_EQ(cache->countLimit(), 0u);
+    using Tally = std::pair<std::size_t, std::size_t>;  // count, total cost
+    const auto tally = [&] { return Tally{cache->count(), cache->totalCost()}; };
+    EXPECT_EQ(cache->countLimit(), 0u);  // no limits at first
     EXPECT_EQ(cache->totalCostLimit(), 0u);
     EXPECT_EQ(cache->object(1), std::nullopt);
 
     for (int i = 0; i < 1000; ++i) cache->setObject(i, "v" + std::to_string(i), 2);  // grows every shard
-    EXPECT_EQ(cache->count(), 1000u);
-    EXPECT_EQ(cache->totalCost(), 2000u);
+    EXPECT_EQ(tally(), (Tally{1000, 2000}));
     for (int i = 0; i < 1000; ++i) ASSERT_EQ(cache->object(i), "v" + std::to_string(i)) << i;
 
     cache->setObject(7, "seven", 5);  // replaces: one entry, the new cost
     EXPECT_EQ(cache->object(7), "seven");
-    EXPECT_EQ(cache->count(), 1000u);
-    EXPECT_EQ(cache->totalCost(), 2003u);
+    EXPECT_EQ(tally(), (Tally{1000, 2003}));
 
     EXPECT_TRUE(cache->removeObject(7));
     EXPECT_FALSE(cache->removeObject(7));
     EXPECT_EQ(cache->object(7), std::nullopt);
-    EXPECT_EQ(cache->count(), 999u);
-    EXPECT_EQ(cache->totalCost(), 1998u);
+    EXPECT_EQ(tally(), (Tally{999, 1998}));
 
     // Reading in place runs on the stored value and returns what the reader returns.
-    EXPECT_EQ(cache->read(8, [](const std::string& v) { return v.size(); }), 2u);
-    EXPECT_EQ(cache->read(7, [](const std::string& v) { return v.size(); }), std::nullopt);
+    const auto size = [](const std::string& v) { return v.size(); };
+    EXPECT_EQ(cache->read(8, size), 2u);
+    EXPECT_EQ(cache->read(7, size), std::nullopt);
 
     cache->removeAllObjects();
-    EXPECT_EQ(cache->count(), 0u);
-    EXPECT_EQ(cache->totalCost(), 0u);
+    EXPECT_EQ(tally(), (Tally{0, 0}));
     EXPECT_EQ(cache->object(8), std::nullopt);
     cache->setObject(8, "again");  // usable after being emptied
     EXPECT_EQ(cache->object(8), "again");
@@ -75,16 +86,11 @@ TEST(ObjectCacheTest, EqualityDecidesAmongCollidingHashesAndTransparentProbesNee
 TEST(ObjectCacheTest, CountLimitEvictsTheLeastRecentlyUsedAndSparesWhatWasRead) {
     auto cache = ObjectCache<int, int>::create();
     cache->setCountLimit(3);
-    cache->setObject(1, 10);
-    cache->setObject(2, 20);
-    cache->setObject(3, 30);
+    for (int key : {1, 2, 3}) cache->setObject(key, key * 10);
     EXPECT_EQ(cache->object(1), 10);  // read: spared once
     cache->setObject(4, 40);
     EXPECT_EQ(cache->count(), 3u);
-    EXPECT_EQ(cache->object(2), std::nullopt);  // the oldest not read since stored
-    EXPECT_EQ(cache->object(1), 10);
-    EXPECT_EQ(cache->object(3), 30);
-    EXPECT_EQ(cache->object(4), 40);
+    EXPECT_EQ(values(cache, {2, 1, 3, 4}), (Held{std::nullopt, 10, 30, 40}));  // 2: the oldest not read
 
     // Now 1, 3 and 4 have all been read: each is spared once, in age order, and the newcomer,
     // not yet read, goes: one-off inserts cannot flush entries in use.
@@ -93,10 +99,7 @@ TEST(ObjectCacheTest, CountLimitEvictsTheLeastRecentlyUsedAndSparesWhatWasRead) 
     EXPECT_EQ(cache->object(5), std::nullopt);
     // Having been spared, they are plain old entries again: the oldest of them, 3, goes next.
     cache->setObject(6, 60);
-    EXPECT_EQ(cache->object(3), std::nullopt);
-    EXPECT_EQ(cache->object(6), 60);
-    EXPECT_EQ(cache->object(4), 40);
-    EXPECT_EQ(cache->object(1), 10);
+    EXPECT_EQ(values(cache, {3, 6, 4, 1}), (Held{std::nullopt, 60, 40, 10}));
 
     // Lowering the limit evicts at once; 0 lifts it.
     cache->setCountLimit(1);
@@ -123,23 +126,27 @@ TEST(ObjectCacheTest, CostLimitEvictsOldestFirstAndDropsAnEntryThatAloneExceedsI
     // one too. "b", replaced since it was stored, is spared once, and after "c" and "d" the new
     // entry is the oldest.
     cache->setObject("huge", 5, 11);
-    EXPECT_EQ(cache->object("huge"), std::nullopt);
-    EXPECT_EQ(cache->object("c"), std::nullopt);
-    EXPECT_EQ(cache->object("d"), std::nullopt);
-    EXPECT_EQ(cache->object("b"), 22);
+    EXPECT_EQ(values(cache, {"huge", "c", "d", "b"}), (Held{std::nullopt, std::nullopt, std::nullopt, 22}));
     EXPECT_EQ(cache->count(), 1u);
     EXPECT_EQ(cache->totalCost(), 1u);
 
     // Both limits at once: whichever is passed evicts.
     cache->setCountLimit(2);
-    cache->setObject("x", 1, 1);
-    cache->setObject("y", 1, 1);
-    cache->setObject("z", 1, 1);
+    for (const char* key : {"x", "y", "z"}) cache->setObject(key, 1, 1);
     EXPECT_EQ(cache->count(), 2u);
     EXPECT_EQ(cache->object("x"), std::nullopt);
 }
 
-TEST(ObjectCachePressureTest, ModerateDropsTheOlderHalfAndCriticalEverything) {
+TEST(ObjectCachePressureTest, ModerateDropsTheOlderHalfAndCriticalEverythingOfEveryLiveCache) {
+    std::weak_ptr<ObjectCache<int, int>> gone;
+    {
+        auto dropped = ObjectCache<int, int>::create();
+        dropped->setObject(1, 1);
+        gone = dropped;
+    }
+    EXPECT_TRUE(gone.expired());  // the pressure listener holds caches weakly
+    for (int i = 0; i < 200; ++i) ObjectCache<int, int>::create()->setObject(i, i);  // made and dropped
+
     auto cache = ObjectCache<int, int>::create();
     for (int i = 0; i < 160; ++i) cache->setObject(i, i);
     MemoryPressure::signal(MemoryPressure::Level::moderate);
@@ -155,21 +162,6 @@ TEST(ObjectCachePressureTest, ModerateDropsTheOlderHalfAndCriticalEverything) {
     EXPECT_EQ(cache->object(159), std::nullopt);
     cache->setObject(1, 1);  // still usable
     EXPECT_EQ(cache->object(1), 1);
-}
-
-TEST(ObjectCachePressureTest, DestroyedCachesAreNotToldAndListenersDoNotKeepCachesAlive) {
-    std::weak_ptr<ObjectCache<int, int>> gone;
-    {
-        auto cache = ObjectCache<int, int>::create();
-        cache->setObject(1, 1);
-        gone = cache;
-    }
-    EXPECT_TRUE(gone.expired());  // registration held it weakly
-    for (int i = 0; i < 200; ++i) ObjectCache<int, int>::create()->setObject(i, i);  // made and dropped
-    auto live = ObjectCache<int, int>::create();
-    live->setObject(1, 1);
-    MemoryPressure::signal(MemoryPressure::Level::critical);
-    EXPECT_EQ(live->count(), 0u);
 }
 
 // Values whose destructor reads their own key: entries must be destroyed after the shard's
@@ -223,23 +215,16 @@ TEST(ObjectCacheTest, ConcurrentReadersAndWritersSeeOnlyWholeValues) {
             start.arrive_and_wait();
             for (int r = 0; r < kRounds; ++r) {
                 const int key = (r * 7 + t * 13) % kKeys;
-                switch ((r + t) % 4) {
-                case 0:
+                const int operation = (r + t) % 4;
+                if (operation == 0) {
                     cache->setObject(key, valueFor(key, r), static_cast<std::size_t>(r % 3));
-                    break;
-                case 3:
-                    if (r % 16 == 3) {
-                        cache->removeObject(key);
-                        break;
-                    }
-                    [[fallthrough]];
-                default:
-                    if (auto v = cache->object(key)) {
-                        hits.fetch_add(1, std::memory_order_relaxed);
-                        const bool whole = v->starts_with(std::to_string(key) + ":") &&
-                                           v->find_first_not_of('x', v->find(':') + 1) == std::string::npos;
-                        if (!whole) bad.fetch_add(1);
-                    }
+                } else if (operation == 3 && r % 16 == 3) {
+                    cache->removeObject(key);
+                } else if (auto v = cache->object(key)) {
+                    hits.fetch_add(1, std::memory_order_relaxed);
+                    const bool whole = v->starts_with(std::to_string(key) + ":") &&
+                                       v->find_first_not_of('x', v->find(':') + 1) == std::string::npos;
+                    if (!whole) bad.fetch_add(1);
                 }
             }
         });

@@ -43,7 +43,7 @@ TEST(RegularExpressionTest, CompileReturnsNullForAnInvalidPattern) {
     EXPECT_NE(RegularExpression::compile(""), nullptr);
 }
 
-TEST(RegularExpressionTest, DotNeverMatchesALineTerminator) {
+TEST(RegularExpressionTest, DotNeverMatchesALineTerminatorAndAnchorsRecognizeEveryOne) {
     for (std::string_view terminator : {"\n"sv, "\v"sv, "\f"sv, "\r"sv, "\u0085"sv, "\u2028"sv, "\u2029"sv}) {
         EXPECT_FALSE(wholeMatch(".", terminator)) << static_cast<int>(terminator[0]);
         EXPECT_EQ(compiled("a.b")->replacingMatches("a" + std::string(terminator) + "b", "X"),
@@ -55,9 +55,7 @@ TEST(RegularExpressionTest, DotNeverMatchesALineTerminator) {
     }
     // One character, not one byte.
     EXPECT_EQ(matchedTexts("a.c", "a\u20ACc"), std::vector<std::string>{"a\u20ACc"});
-}
 
-TEST(RegularExpressionTest, DotStopsAtATerminatorAnywhereInALongSubject) {
     // Long enough subjects are scanned in words; the terminator or the multi-byte character is
     // put at every position of them.
     for (std::size_t at = 1; at + 1 < 24; ++at) {
@@ -76,9 +74,7 @@ TEST(RegularExpressionTest, DotStopsAtATerminatorAnywhereInALongSubject) {
         EXPECT_TRUE(compiled("^x{" + std::to_string(at) + "}.x{" + std::to_string(23 - at) + "}$")->hasMatch(text))
             << at;
     }
-}
 
-TEST(RegularExpressionTest, LineAnchorsRecognizeEveryTerminator) {
     for (std::string_view ending : {"\n"sv, "\r"sv, "\r\n"sv, "\u0085"sv, "\u2028"sv, "\v"sv}) {
         EXPECT_TRUE(compiled("^\\w+$")->hasMatch("abc" + std::string(ending))) << ending.size();
         EXPECT_FALSE(compiled("^\\w+$")->hasMatch("abc" + std::string(ending) + "d")) << ending.size();
@@ -87,7 +83,7 @@ TEST(RegularExpressionTest, LineAnchorsRecognizeEveryTerminator) {
     EXPECT_FALSE(compiled("(?m)^b")->hasMatch("a\tb"));
 }
 
-TEST(RegularExpressionTest, WordAndDigitClassesAreUnicodeAware) {
+TEST(RegularExpressionTest, WordDigitAndBoundaryClassesAreUnicodeAware) {
     // Letters in any script, combining marks, decimal digits, connector punctuation.
     for (std::string_view word : {"\u00E9"sv, "\u0416"sv, "\u4E2D"sv, "\u0301"sv, "\u0663"sv, "_"sv, "\u203F"sv, "\uFF3F"sv}) {
         EXPECT_TRUE(wholeMatch("\\w", word)) << word;
@@ -107,39 +103,31 @@ TEST(RegularExpressionTest, WordAndDigitClassesAreUnicodeAware) {
     for (std::string_view digit : {"7"sv, "\u0663"sv, "\u0967"sv, "\uFF15"sv}) EXPECT_TRUE(wholeMatch("\\d", digit)) << digit;
     for (std::string_view other : {"a"sv, "\u00B2"sv, "\u2167"sv}) EXPECT_FALSE(wholeMatch("\\d", other)) << other;
     EXPECT_EQ(compiled("(.*):(\\d+)(.*)")->replacingMatches("#TAG:\u0661\u0662x", "$2"), "\u0661\u0662");
-}
 
-TEST(RegularExpressionTest, NonWordInsideAClassCombinesWithTheOtherItems) {
-    EXPECT_TRUE(wholeMatch("[a\\W]", "a"));
-    EXPECT_TRUE(wholeMatch("[a\\W]", "-"));
-    EXPECT_FALSE(wholeMatch("[a\\W]", "b"));
-    // Negated: a word character other than the listed ones.
-    EXPECT_TRUE(wholeMatch("[^a\\W]", "b"));
-    EXPECT_TRUE(wholeMatch("[^a\\W]", "\u0301"));
-    EXPECT_FALSE(wholeMatch("[^a\\W]", "a"));
-    EXPECT_FALSE(wholeMatch("[^a\\W]", "-"));
-    EXPECT_EQ(matchedTexts("[^\\W\\d]+", "ab12cd"), (std::vector<std::string>{"ab", "cd"}));
-    // A quantifier applies to the whole rewritten class.
-    EXPECT_EQ(matchedTexts("[x\\W]{2}", "x-yx!"), (std::vector<std::string>{"x-", "x!"}));
-}
-
-TEST(RegularExpressionTest, WordBoundariesFollowTheUnicodeWordClass) {
     EXPECT_EQ(matchedTexts("\\b\\w+\\b", "na\u0303o, \u00E9t\u00E9!"),
               (std::vector<std::string>{"na\u0303o", "\u00E9t\u00E9"}));
     EXPECT_EQ(matchedTexts("\\Bb", "ab b"), std::vector<std::string>{"b"});
     EXPECT_EQ(compiled("\\Bb")->matches("ab b").at(0).groups.at(0), (std::pair<std::size_t, std::size_t>{1, 1}));
     EXPECT_EQ(compiled("\\bcat\\b")->replacingMatches("cat concat cat_x cat", "C"), "C concat cat_x C");
     EXPECT_EQ(compiled("\\bcat\\b")->replacingMatches("cat \u00E9cat cat\u0301 cat", "C"), "C \u00E9cat cat\u0301 C");
-    // Inside a class "\b" is a backspace, not a boundary.
-    EXPECT_TRUE(wholeMatch("[\\b]", "\b"));
 }
 
-TEST(RegularExpressionTest, RewritingLeavesQuotedTextCommentsAndPosixClassesAlone) {
-    EXPECT_TRUE(wholeMatch("\\Q\\w[\\E", "\\w["));
-    EXPECT_TRUE(wholeMatch("a(?#\\w])b", "ab"));
-    EXPECT_TRUE(wholeMatch("[[:alpha:]\\w]+", "ab_\u0301"));
-    EXPECT_TRUE(wholeMatch("[]\\w]+", "]a"));
-    EXPECT_TRUE(wholeMatch("\\\\w", "\\w"));
+TEST(RegularExpressionTest, RewrittenClassesCombineWithTheirOtherItemsAndLeaveQuotesCommentsAndPosixAlone) {
+    const struct {
+        std::string_view pattern, text;
+        bool matches;
+    } cases[] = {
+        {"[a\\W]", "a", true},   {"[a\\W]", "-", true},   {"[a\\W]", "b", false},
+        // Negated: a word character other than the listed ones.
+        {"[^a\\W]", "b", true},  {"[^a\\W]", "\u0301", true},  {"[^a\\W]", "a", false},  {"[^a\\W]", "-", false},
+        {"[\\b]", "\b", true},  // inside a class "\b" is a backspace, not a boundary
+        {"\\Q\\w[\\E", "\\w[", true},  {"a(?#\\w])b", "ab", true},  {"[[:alpha:]\\w]+", "ab_\u0301", true},
+        {"[]\\w]+", "]a", true},       {"\\\\w", "\\w", true},
+    };
+    for (const auto& c : cases) EXPECT_EQ(wholeMatch(c.pattern, c.text), c.matches) << c.pattern << " on " << c.text;
+    EXPECT_EQ(matchedTexts("[^\\W\\d]+", "ab12cd"), (std::vector<std::string>{"ab", "cd"}));
+    // A quantifier applies to the whole rewritten class.
+    EXPECT_EQ(matchedTexts("[x\\W]{2}", "x-yx!"), (std::vector<std::string>{"x-", "x!"}));
 }
 
 TEST(RegularExpressionTest, CaseInsensitiveMatchingIsUnicodeAware) {
@@ -153,9 +141,10 @@ TEST(RegularExpressionTest, CaseInsensitiveMatchingIsUnicodeAware) {
     EXPECT_TRUE(wholeMatch("k", "\u212A", true));
     EXPECT_TRUE(wholeMatch("s+", "sS\u017F", true));
     EXPECT_FALSE(wholeMatch("s+", "sS\u017F"));
+    EXPECT_EQ(compiled("O", true)->replacingMatches("foo", "0"), "f00");
 }
 
-TEST(RegularExpressionTest, MatchesReportsGroupsAndNonParticipatingGroups) {
+TEST(RegularExpressionTest, MatchesReportGroupsAndStepOverEmptyMatchesAndInvalidUTF8) {
     const auto matches = compiled("(a)|(b)")->matches("xab");
     ASSERT_EQ(matches.size(), 2U);
     using Range = std::optional<std::pair<std::size_t, std::size_t>>;
@@ -164,22 +153,25 @@ TEST(RegularExpressionTest, MatchesReportsGroupsAndNonParticipatingGroups) {
     EXPECT_TRUE(compiled("(a)|(b)")->matches("xyz").empty());
     EXPECT_FALSE(compiled("(a)|(b)")->hasMatch("xyz"));
     EXPECT_TRUE(compiled("(a)|(b)")->hasMatch("xyzb"));
-}
 
-TEST(RegularExpressionTest, EmptyMatchesAdvanceByOneCharacter) {
+    // Empty matches advance by one character: two-byte and three-byte characters are stepped over whole.
     EXPECT_EQ(matchedTexts("x*", "axb"), (std::vector<std::string>{"", "x", "", ""}));
-    // Two-byte and three-byte characters are stepped over whole.
-    const auto matches = compiled("")->matches("\u00E9\u20AC");
-    ASSERT_EQ(matches.size(), 3U);
-    EXPECT_EQ(matches[1].groups[0]->first, 2U);
-    EXPECT_EQ(matches[2].groups[0]->first, 5U);
+    const auto empty = compiled("")->matches("\u00E9\u20AC");
+    ASSERT_EQ(empty.size(), 3U);
+    EXPECT_EQ(empty[1].groups[0]->first, 2U);
+    EXPECT_EQ(empty[2].groups[0]->first, 5U);
     EXPECT_EQ(compiled("x*")->replacingMatches("\u00E9\u20AC", "-"), "-\u00E9-\u20AC-");
     EXPECT_EQ(compiled("a*")->replacingMatches("baac", "<$0>"), "<>b<aa><>c<>");
     // An empty match does not let an alternative take the same character afterwards.
     EXPECT_EQ(compiled("|a")->replacingMatches("a", "[$0]"), "[]a[]");
+
+    // Invalid UTF-8 is matched without failing, a bad byte at a time.
+    const std::string invalid = "a\xFF" "b\xC3";
+    EXPECT_EQ(compiled("b")->replacingMatches(invalid, "c"), "a\xFF" "c\xC3");
+    EXPECT_EQ(compiled("x?")->matches(invalid).size(), 5U);
 }
 
-TEST(RegularExpressionTest, ReplacementTemplatesSubstituteGroups) {
+TEST(RegularExpressionTest, ReplacingMatchesSubstitutesGroupsInEveryNonOverlappingMatch) {
     const auto tag = compiled("(.*):(\\d.*),(.*)");
     EXPECT_EQ(tag->replacingMatches("#EXTINF:9.97667,Title", "$2"), "9.97667");
     EXPECT_EQ(tag->replacingMatches("#EXTINF:9.97667,Title", "$3"), "Title");
@@ -198,19 +190,10 @@ TEST(RegularExpressionTest, ReplacementTemplatesSubstituteGroups) {
     // Extra digits belong to the number only while it names a group.
     EXPECT_EQ(optional->replacingMatches("ab", "$12"), "a2");
     EXPECT_EQ(compiled("(a)(b)(c)(d)(e)(f)(g)(h)(i)(j)(k)")->replacingMatches("abcdefghijk", "$11$10$1"), "kja");
-}
 
-TEST(RegularExpressionTest, ReplacingMatchesReplacesEveryNonOverlappingMatch) {
     EXPECT_EQ(compiled("aa")->replacingMatches("aaaaa", "b"), "bba");
     EXPECT_EQ(compiled("(\\w+)=(\\w+)")->replacingMatches("a=1, b=2; c=3", "$2:$1"), "1:a, 2:b; 3:c");
     EXPECT_EQ(compiled("o")->replacingMatches("", "0"), "");
-    EXPECT_EQ(compiled("O", true)->replacingMatches("foo", "0"), "f00");
-}
-
-TEST(RegularExpressionTest, MatchesInvalidUTF8WithoutFailing) {
-    const std::string text = "a\xFF" "b\xC3";
-    EXPECT_EQ(compiled("b")->replacingMatches(text, "c"), "a\xFF" "c\xC3");
-    EXPECT_EQ(compiled("x?")->matches(text).size(), 5U);
 }
 
 TEST(RegularExpressionTest, SharedPatternsWorkFromSeveralThreads) {
