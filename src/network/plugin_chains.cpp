@@ -4,14 +4,6 @@
 
 namespace zul::detail {
 
-PluginList concatenated(const PluginList& primary, const PluginList& secondary) {
-    PluginList all;
-    all.reserve(primary.size() + secondary.size());
-    all.insert(all.end(), primary.begin(), primary.end());
-    all.insert(all.end(), secondary.begin(), secondary.end());
-    return all;
-}
-
 std::shared_ptr<Future<Response>> networkModifyResponse(const PluginList& primary, const PluginList& secondary,
                                                         const std::shared_ptr<const ServiceType>& service,
                                                         PluginResult result) {
@@ -52,26 +44,28 @@ std::shared_ptr<Future<Void>> makeFutureThatWrapsDidReceive(const std::shared_pt
 
 namespace {
 
-// Asks the plug-ins from `index` on; each step starts only when the one before it accepted.
+// Asks the plug-ins from `index` on (the primary list's, then the secondary's); each step starts
+// only when the one before it accepted.
 struct ValidationChain : std::enable_shared_from_this<ValidationChain> {
-    PluginList plugins;
+    SharedPluginList primary;
+    SharedPluginList secondary;
     Response response;
     std::shared_ptr<const ServiceType> service;
-    UniqueFunction<void(std::optional<NetworkRouterError>)> completion;
+    UniqueFunction<void(std::optional<NetworkRouterError>, Response)> completion;
 
     void ask(std::size_t index) {
-        if (index == plugins.size()) {
-            completion(std::nullopt);
+        const std::size_t first = primary->size();
+        if (index == first + secondary->size()) {
+            completion(std::nullopt, std::move(response));
             return;
         }
-        makeFutureThatWrapsDidReceive(plugins[index], response, service)
+        const auto& plugin = index < first ? (*primary)[index] : (*secondary)[index - first];
+        makeFutureThatWrapsDidReceive(plugin, response, service)
             ->onResult([self = shared_from_this(), index](const Future<Void>::Outcome& outcome) {
                 if (outcome.isFailure()) {
-                    if (const auto* error = outcome.error().as<NetworkRouterError>()) {
-                        self->completion(*error);
-                    } else {
-                        self->completion(NetworkRouterError::cancelled());
-                    }
+                    const auto* error = outcome.error().as<NetworkRouterError>();
+                    self->completion(error != nullptr ? *error : NetworkRouterError::cancelled(),
+                                     std::move(self->response));
                     return;
                 }
                 self->ask(index + 1);
@@ -81,16 +75,17 @@ struct ValidationChain : std::enable_shared_from_this<ValidationChain> {
 
 }  // namespace
 
-void findPluginThatInvalidatesResponse(const Response& response, const std::shared_ptr<const ServiceType>& service,
-                                       const PluginList& primary, const PluginList& secondary,
-                                       UniqueFunction<void(std::optional<NetworkRouterError>)> completion) {
-    if (primary.empty() && secondary.empty()) {
-        completion(std::nullopt);
+void findPluginThatInvalidatesResponse(Response response, const std::shared_ptr<const ServiceType>& service,
+                                       SharedPluginList primary, SharedPluginList secondary,
+                                       UniqueFunction<void(std::optional<NetworkRouterError>, Response)> completion) {
+    if (primary->empty() && secondary->empty()) {
+        completion(std::nullopt, std::move(response));
         return;
     }
     auto chain = std::make_shared<ValidationChain>();
-    chain->plugins = concatenated(primary, secondary);
-    chain->response = response;
+    chain->primary = std::move(primary);
+    chain->secondary = std::move(secondary);
+    chain->response = std::move(response);
     chain->service = service;
     chain->completion = std::move(completion);
     chain->ask(0);

@@ -13,9 +13,7 @@
 namespace zul::detail {
 
 using PluginList = std::vector<std::shared_ptr<NetworkPluginType>>;
-
-/// Both lists in the order plug-ins are asked.
-PluginList concatenated(const PluginList& primary, const PluginList& secondary);
+using SharedPluginList = std::shared_ptr<const PluginList>;
 
 /// The result after every plug-in's `prepareReceive`, each fed the previous output. With no
 /// plug-ins the future holds `result` unchanged.
@@ -30,11 +28,12 @@ std::shared_ptr<Future<Void>> makeFutureThatWrapsDidReceive(const std::shared_pt
                                                             const std::shared_ptr<const ServiceType>& service);
 
 /// Asks the plug-ins one after another whether `response` is invalid; `completion` receives the
-/// first rejection's error, or absent when every plug-in accepted it. Later plug-ins are not
-/// asked once one rejects.
-void findPluginThatInvalidatesResponse(const Response& response, const std::shared_ptr<const ServiceType>& service,
-                                       const PluginList& primary, const PluginList& secondary,
-                                       UniqueFunction<void(std::optional<NetworkRouterError>)> completion);
+/// first rejection's error, or absent when every plug-in accepted it, and the response back.
+/// Later plug-ins are not asked once one rejects. The lists are shared, not copied, because a
+/// plug-in may answer after this returns.
+void findPluginThatInvalidatesResponse(Response response, const std::shared_ptr<const ServiceType>& service,
+                                       SharedPluginList primary, SharedPluginList secondary,
+                                       UniqueFunction<void(std::optional<NetworkRouterError>, Response)> completion);
 
 /// The redirect request after every plug-in's `handleRedirect`; absent as soon as one refuses.
 std::optional<URLRequest> handleRedirect(const PluginList& primary, const PluginList& secondary,

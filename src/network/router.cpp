@@ -168,7 +168,7 @@ private:
 NetworkRouter::NetworkRouter(PrivateTag, std::shared_ptr<const NetworkEnvironment> environment, PluginList plugins,
                              URLSessionConfiguration configuration)
     : environment_(std::move(environment)),
-      plugins_(std::move(plugins)),
+      plugins_(std::make_shared<const PluginList>(std::move(plugins))),
       configuration_(std::move(configuration)),
       queue_(DispatchQueue::create("dev.zul.network.router.delegate.queue")),
       mailbox_(std::make_shared<MainQueueMailbox>(queue_)) {}
@@ -291,12 +291,12 @@ std::optional<std::string> NetworkRouter::request(ServicePointer service, StubBe
     return token;
 }
 
-Result<URLRequest, NetworkRouterError> NetworkRouter::preprocessedRequest(const URLRequest& request,
+Result<URLRequest, NetworkRouterError> NetworkRouter::preprocessedRequest(URLRequest request,
                                                                           const ServiceType& service) const {
     using Prepared = Result<URLRequest, NetworkRouterError>;
     // 1. Global plug-ins, then the router's own.
     const std::shared_ptr<const detail::PluginList> globals = globalPlugins();
-    const detail::PluginList* lists[] = {globals.get(), &plugins_};
+    const detail::PluginList* lists[] = {globals.get(), plugins_.get()};
 
     // 2. Any plug-in may cancel; the first that does ends the step.
     for (const detail::PluginList* list : lists) {
@@ -307,7 +307,7 @@ Result<URLRequest, NetworkRouterError> NetworkRouter::preprocessedRequest(const 
         }
     }
     // 3. Then each rewrites what the one before produced; the first refusal ends the step.
-    std::optional<URLRequest> current(request);
+    std::optional<URLRequest> current(std::move(request));
     for (const detail::PluginList* list : lists) {
         for (const std::shared_ptr<NetworkPluginType>& plugin : *list) {
             current = plugin->prepareTransmit(std::move(*current), service);
@@ -351,12 +351,12 @@ void NetworkRouter::postprocessResult(const std::shared_ptr<NetworkTask>& task, 
         if (modified.isSuccess()) {
             // 3. A response stands unless a plug-in rejects it.
             detail::findPluginThatInvalidatesResponse(
-                modified.value(), task->sharedService(), *globals, plugins,
-                [mailbox, completion, response = modified.value()](std::optional<NetworkRouterError> rejection) {
+                modified.value(), task->sharedService(), globals, plugins,
+                [mailbox, completion](std::optional<NetworkRouterError> rejection, Response response) {
                     if (rejection) {
                         deliver(mailbox, completion, RouterResult::failure(std::move(*rejection)));
                     } else {
-                        deliver(mailbox, completion, RouterResult::success(response));
+                        deliver(mailbox, completion, RouterResult::success(std::move(response)));
                     }
                 });
             return;
@@ -371,11 +371,11 @@ void NetworkRouter::postprocessResult(const std::shared_ptr<NetworkTask>& task, 
 
     // 2. The plug-ins' receive chain. Without plug-ins it would hand back the result unchanged,
     //    at once, so the futures are skipped.
-    if (globals->empty() && plugins_.empty()) {
+    if (globals->empty() && plugins_->empty()) {
         finish(pluginResult);
         return;
     }
-    detail::networkModifyResponse(*globals, plugins_, service, std::move(pluginResult))
+    detail::networkModifyResponse(*globals, *plugins_, service, std::move(pluginResult))
         ->onResult([finish = std::move(finish)](const PluginResult& modified) mutable { finish(modified); });
 }
 
@@ -476,7 +476,7 @@ void NetworkRouter::willPerformHTTPRedirection(URLSession& /*session*/, URLSessi
     std::shared_ptr<NetworkTask> task = findTask(transfer);
     if (!task || !task->task()) return;
     const std::shared_ptr<const detail::PluginList> globals = globalPlugins();
-    completionHandler(detail::handleRedirect(*globals, plugins_, task->service(), response, std::move(newRequest)));
+    completionHandler(detail::handleRedirect(*globals, *plugins_, task->service(), response, std::move(newRequest)));
 }
 
 void NetworkRouter::didFinishDownloadingTo(URLSession& /*session*/, URLSessionTask& transfer,

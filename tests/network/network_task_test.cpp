@@ -173,18 +173,28 @@ TEST(PluginChainTest, ResponsesFlowThroughEveryPluginInOrder) {
     first->rejects = true;
     first->pluginName = "First";
     std::optional<std::optional<zul::NetworkRouterError>> verdict;
-    zul::detail::findPluginThatInvalidatesResponse(ok, service, {first}, {second},
-                                                   [&](std::optional<zul::NetworkRouterError> e) { verdict = e; });
+    zul::Response returned;
+    const auto lists = std::make_pair(std::make_shared<const zul::detail::PluginList>(zul::detail::PluginList{first}),
+                                      std::make_shared<const zul::detail::PluginList>(zul::detail::PluginList{second}));
+    zul::detail::findPluginThatInvalidatesResponse(ok, service, lists.first, lists.second,
+                                                   [&](std::optional<zul::NetworkRouterError> e, zul::Response back) {
+                                                       verdict = e;
+                                                       returned = std::move(back);
+                                                   });
     ASSERT_TRUE(verdict.has_value() && verdict->has_value());
     EXPECT_EQ((*verdict)->description(), R"(preventedByPlugin(name: Optional("First")))");
     EXPECT_EQ(log.entries(), std::vector<std::string>{"A.didReceive"});
 
     first->reset();
     verdict.reset();
-    zul::detail::findPluginThatInvalidatesResponse(ok, service, {first}, {second},
-                                                   [&](std::optional<zul::NetworkRouterError> e) { verdict = e; });
+    zul::detail::findPluginThatInvalidatesResponse(ok, service, lists.first, lists.second,
+                                                   [&](std::optional<zul::NetworkRouterError> e, zul::Response back) {
+                                                       verdict = e;
+                                                       returned = std::move(back);
+                                                   });
     ASSERT_TRUE(verdict.has_value());
     EXPECT_FALSE(verdict->has_value());
+    EXPECT_EQ(returned.statusCode, 200);  // the response comes back with the verdict
 
     // Redirects: each plug-in gets the previous one's request; one refusal stops it.
     const zul::HTTPURLResponse moved(std::nullopt, 301, zul::HTTPHeaders());

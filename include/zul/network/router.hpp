@@ -155,7 +155,7 @@ public:
     void setKeepSuspended(bool keep) noexcept { keepSuspended_.store(keep, std::memory_order_relaxed); }
 
     const std::shared_ptr<const NetworkEnvironment>& environment() const noexcept { return environment_; }
-    const PluginList& plugins() const noexcept { return plugins_; }
+    const PluginList& plugins() const noexcept { return *plugins_; }
 
     using HTTPRouter::request;
     std::optional<std::string> request(ServicePointer service, StubBehavior stubBehavior,
@@ -214,8 +214,7 @@ private:
                         RouterResult result);
     URLSession& session();
     std::shared_ptr<NetworkTask> findTask(const URLSessionTask& transfer) const;
-    Result<URLRequest, NetworkRouterError> preprocessedRequest(const URLRequest& request,
-                                                               const ServiceType& service) const;
+    Result<URLRequest, NetworkRouterError> preprocessedRequest(URLRequest request, const ServiceType& service) const;
     void taskFinished(NetworkTask& task, NetworkTask::TaskResult result, StubBehavior behavior,
                       const SharedCompletion& completion);
     void postprocessResult(const std::shared_ptr<NetworkTask>& task, NetworkTask::TaskResult result,
@@ -226,7 +225,7 @@ private:
     static T decodeBody(const std::optional<std::string>& keyPath, const Response& response);
 
     const std::shared_ptr<const NetworkEnvironment> environment_;
-    const PluginList plugins_;
+    const std::shared_ptr<const PluginList> plugins_;  // shared with the chains that run them
     const URLSessionConfiguration configuration_;
     std::atomic<bool> keepSuspended_{false};
     std::optional<HeaderMap> customHeaders_;                // guarded by the router's monitor
