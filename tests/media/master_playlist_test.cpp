@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "media/tracking_reader.hpp"
 #include "zul/media/buffered_reader.hpp"
 #include "zul/media/master_playlist.hpp"
 
@@ -58,6 +59,10 @@ TEST(MasterPlaylistTest, ReadsVariantsInOrderWithTheirAttributes) {
     expected.playlists = {variant(1, 1280000, VideoSize{1280, 720}, "http://example.com/720.m3u8"),
                           variant(2, 400000, VideoSize{640, 360}, "low.m3u8")};
     EXPECT_EQ(master, expected);
+
+    zul::test::TrackingReader reader("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\na.m3u8\n");
+    EXPECT_EQ(MasterPlaylist::create(reader).playlists.size(), 1u);
+    EXPECT_TRUE(reader.closed());
     // The header tag is optional.
     const std::string body = "#EXT-X-STREAM-INF:BANDWIDTH=1280000,RESOLUTION=1280x720\nv.m3u8\n";
     EXPECT_EQ(parse(body), parse("#EXTM3U\n" + body));

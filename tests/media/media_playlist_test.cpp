@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "media/tracking_reader.hpp"
 #include "zul/media/buffered_reader.hpp"
 #include "zul/media/media_playlist.hpp"
 
@@ -16,21 +17,7 @@ using zul::MediaPlaylist;
 using zul::MediaSegment;
 using Range = std::pair<std::optional<std::int64_t>, std::optional<std::int64_t>>;  // length, start
 
-// Records whether the parser closed it.
-class TrackingReader final : public zul::BufferedReader {
-public:
-    explicit TrackingReader(std::string_view text) : inner_(text) {}
-    std::optional<std::string> readLine() override { return closed_ ? std::nullopt : inner_.readLine(); }
-    void close() override {
-        closed_ = true;
-        inner_.close();
-    }
-    bool closed() const { return closed_; }
-
-private:
-    zul::StringBufferedReader inner_;
-    bool closed_ = false;
-};
+using zul::test::TrackingReader;
 
 MediaPlaylist parse(std::string_view text) {
     zul::StringBufferedReader reader(text);
