@@ -80,8 +80,23 @@ void URLSession::Engine::start(const std::weak_ptr<URLSession>& session) {
 }
 
 void URLSession::Engine::stop() {
+    bool started = true;
+    {
+        const std::lock_guard lock(commandMutex_);
+        if (!thread_.joinable() && !stopped_) {
+            // Never started: nothing but this call touches the thread's state, and post()
+            // refuses commands from now on, so the shutdown runs here instead.
+            stopped_ = true;
+            started = false;
+        }
+    }
+    if (!started) {
+        Command shutdown{Command::Kind::shutdown, nullptr, nullptr, nullptr};
+        apply(shutdown);
+        channel_->post(batch_);
+        return;
+    }
     post(Command{Command::Kind::shutdown, nullptr, nullptr, nullptr});
-    // post() made the thread if there was none, under the lock this thread took after it.
     if (thread_.joinable()) thread_.join();
 }
 

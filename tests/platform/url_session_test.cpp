@@ -923,6 +923,17 @@ TEST(URLSessionTest, DestroyingTheSessionCancelsWhatIsInFlight) {
     delegateTask->resume();  // a task outliving its session is inert
     delegateTask->cancel();
 
+    // A session that never moved a byte (its transfer thread never started) still cancels what
+    // it made.
+    Handed neverResumed;
+    std::shared_ptr<URLSessionTask> kept;
+    {
+        auto idle = URLSession::create();
+        kept = idle->dataTask(requestFor(s.server.url("/hello")), neverResumed.handler());
+    }
+    ASSERT_TRUE(waitUntil([&] { return neverResumed.done(); }));
+    EXPECT_EQ(neverResumed.error->code(), URLError::cancelled);
+
     // A delegate that is gone is simply not called.
     auto shortLived = std::make_shared<Recorder>();
     auto session = URLSession::create(URLSessionConfiguration(), shortLived, shortLived->queue);
