@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <mutex>
 #include <set>
 #include <string>
@@ -16,40 +14,33 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-
 TEST(URLSessionHTTP2Test, AServerOfferingHTTP2GetsItAndCarriesConcurrentTransfersOnOneConnection) {
     const auto identity = zul::test::TLSIdentity::selfSigned();
     // Each answer names the protocol and the server's connection number.
     zul::test::NginxServer nginx(identity, R"(location / { return 200 "$server_protocol $connection"; })");
     const zul::test::CertificateFile authority(identity);
-
     zul::URLSessionConfiguration configuration;
     configuration.caInfoFile = authority.path();
     configuration.httpMaximumConnectionsPerHost = 4;
     auto session = zul::URLSession::create(configuration);
-    constexpr int count = 40;
+
+    constexpr std::size_t count = 40;
     std::mutex mutex;
-    std::vector<std::string> answers;
-    std::atomic<int> failures{0};
-    for (int i = 0; i < count; ++i) {
-        session
-            ->dataTask(zul::URLRequest(zul::URL::fromString(nginx.url("/" + std::to_string(i)))),
-                       [&](std::optional<zul::Data> data, std::shared_ptr<const zul::HTTPURLResponse> response,
-                           std::optional<zul::URLError> error) {
-                           if (error || !response || response->statusCode() != 200) ++failures;
-                           const std::lock_guard lock(mutex);
-                           answers.push_back(data ? zul::stringFromData(*data) : "");
-                       })
-            ->resume();
-    }
-    ASSERT_TRUE(zul::test::waitUntil(
-        [&] {
+    std::vector<std::string> answers;  // "<protocol> <connection>", or what went wrong
+    for (std::size_t i = 0; i < count; ++i) {
+        const zul::URLRequest request(zul::URL::fromString(nginx.url("/" + std::to_string(i))));
+        session->dataTask(request, [&](auto data, auto response, auto error) {
             const std::lock_guard lock(mutex);
-            return answers.size() == count;
-        },
-        30s)) << answers.size() << " of " << count << " answered";
-    EXPECT_EQ(failures, 0);
+            const bool ok = !error && response && response->statusCode() == 200;
+            answers.push_back(ok ? zul::stringFromData(*data) : error ? error->description() : "not 200");
+        })->resume();
+    }
+    const auto answered = [&] {
+        const std::lock_guard lock(mutex);
+        return answers.size();
+    };
+    ASSERT_TRUE(zul::test::waitUntil([&] { return answered() == count; }, std::chrono::seconds(30)))
+        << answered() << " of " << count << " answered";
 
     std::set<std::string> connections;
     for (const std::string& answer : answers) {

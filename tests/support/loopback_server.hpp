@@ -3,11 +3,7 @@
 // A real HTTP(S) server on the loopback interface for tests (cpp-httplib), a self-signed TLS
 // identity for it, and a port nothing listens on.
 //
-//     zul::test::LoopbackServer server([](httplib::Server& s) {
-//         s.Get("/hello", [](const httplib::Request&, httplib::Response& res) {
-//             res.set_content("hi", "text/plain");
-//         });
-//     });
+//     zul::test::LoopbackServer server([](httplib::Server& s) { s.Get("/hello", handler); });
 //     auto url = zul::URL::fromString(server.url("/hello"));
 //
 // Every connection is served on a thread of its own, so slow handlers never hold up other
@@ -30,6 +26,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
+#include <future>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -37,6 +34,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 namespace zul::test {
 
@@ -47,11 +45,10 @@ struct TLSIdentity {
 
     /// A new P-256 key and a certificate for it valid for a day, usable as its own authority.
     static TLSIdentity selfSigned() {
-        auto fail = [](const char* what) -> TLSIdentity { throw std::runtime_error(std::string("TLSIdentity: ") + what); };
         std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_EC_gen("P-256"), &EVP_PKEY_free);
         std::unique_ptr<X509, decltype(&X509_free)> certificate(X509_new(), &X509_free);
-        if (!key || !certificate) return fail("cannot make a key");
         X509* cert = certificate.get();
+        if (!key || cert == nullptr) throw std::runtime_error("TLSIdentity: cannot make a key");
         X509_set_version(cert, 2);
         ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
         X509_gmtime_adj(X509_getm_notBefore(cert), -60);
@@ -67,25 +64,44 @@ struct TLSIdentity {
                                          std::pair{NID_basic_constraints, "critical,CA:TRUE"},
                                          std::pair{NID_key_usage, "critical,digitalSignature,keyCertSign"}}) {
             X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &context, nid, value);
-            if (extension == nullptr) return fail("cannot make an extension");
+            if (extension == nullptr) throw std::runtime_error("TLSIdentity: cannot make an extension");
             X509_add_ext(cert, extension, -1);
             X509_EXTENSION_free(extension);
         }
-        if (X509_sign(cert, key.get(), EVP_sha256()) == 0) return fail("cannot sign");
+        if (X509_sign(cert, key.get(), EVP_sha256()) == 0) throw std::runtime_error("TLSIdentity: cannot sign");
         auto pem = [](auto write) {
             std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), &BIO_free);
             write(bio.get());
             char* data = nullptr;
-            const long length = BIO_get_mem_data(bio.get(), &data);
-            return std::string(data, static_cast<std::size_t>(length));
+            return std::string(data, static_cast<std::size_t>(BIO_get_mem_data(bio.get(), &data)));
         };
-        TLSIdentity identity;
-        identity.certificatePEM = pem([&](BIO* bio) { PEM_write_bio_X509(bio, cert); });
-        identity.privateKeyPEM =
-            pem([&](BIO* bio) { PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr); });
-        return identity;
+        return {pem([&](BIO* bio) { PEM_write_bio_X509(bio, cert); }),
+                pem([&](BIO* bio) { PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr); })};
     }
 };
+
+/// A TCP socket bound to an ephemeral port of 127.0.0.1 and its port; throws when none is free.
+inline std::pair<int, int> boundLoopbackSocket() {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        if (fd >= 0) ::close(fd);
+        throw std::runtime_error("cannot bind a loopback port");
+    }
+    return {fd, ntohs(address.sin_port)};
+}
+
+/// A port on 127.0.0.1 on which nothing listens: an ephemeral port is bound and let go again,
+/// so connecting to it is refused (unless another process happens to take it meanwhile).
+inline int unusedLoopbackPort() {
+    const auto [fd, port] = boundLoopbackSocket();
+    ::close(fd);
+    return port;
+}
 
 class LoopbackServer {
 public:
@@ -115,27 +131,17 @@ public:
     LoopbackServer(const LoopbackServer&) = delete;
     LoopbackServer& operator=(const LoopbackServer&) = delete;
 
-    int port() const { return port_; }
-
     /// "http://127.0.0.1:<port>" + path ("https://..." when serving TLS)
     std::string url(std::string_view path = "") const {
         return scheme_ + "://127.0.0.1:" + std::to_string(port_) + std::string(path);
     }
 
-    /// Requests the server has received so far (counted before routing, so unknown paths count).
+    /// Requests received so far (counted before routing, so unknown paths count).
     std::size_t requestCount() const { return requests_.load(std::memory_order_relaxed); }
 
-    /// Connections accepted so far.
-    std::size_t connectionCount() const {
-        const std::lock_guard lock(connectionMutex_);
-        return accepted_;
-    }
-
-    /// The most connections that were open at the same time.
-    std::size_t peakConnections() const {
-        const std::lock_guard lock(connectionMutex_);
-        return peak_;
-    }
+    /// Connections accepted so far, and the most that were open at the same time.
+    std::size_t connectionCount() const { return locked(accepted_); }
+    std::size_t peakConnections() const { return locked(peak_); }
 
     /// For handlers: waits `duration`, or less when the server is being stopped, so that slow
     /// endpoints do not hold up the end of a test. Returns false when cut short.
@@ -147,8 +153,7 @@ public:
 private:
     // Exposes the listening socket, which httplib keeps to itself.
     template <class Base>
-    class Exposed final : public Base {
-    public:
+    struct Exposed final : Base {
         using Base::Base;
         int listeningSocket() const { return this->svr_sock_; }
     };
@@ -172,26 +177,20 @@ private:
         if (port_ <= 0) throw std::runtime_error("LoopbackServer: cannot bind a loopback port");
         // httplib listens with a backlog of 5: dozens of clients connecting at once would see
         // their handshakes dropped and retried a second or more later. Listening again on the
-        // same socket only changes the backlog.
+        // same socket only changes the backlog. Connections wait in it until the thread accepts.
         ::listen(exposed.listeningSocket(), SOMAXCONN);
-        // The socket listens from here on: connections wait in its backlog until the thread
-        // below accepts them.
         thread_ = std::thread([this] { server_->listen_after_bind(); });
     }
 
     static std::unique_ptr<Exposed<httplib::SSLServer>> makeTLSServer(const TLSIdentity& identity) {
-        auto read = [](const std::string& pem, auto parse) {
-            std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
-                                                          &BIO_free);
-            return parse(bio.get());
+        auto bio = [](const std::string& pem) {
+            return std::unique_ptr<BIO, decltype(&BIO_free)>(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
+                                                             &BIO_free);
         };
         std::unique_ptr<X509, decltype(&X509_free)> certificate(
-            read(identity.certificatePEM, [](BIO* bio) { return PEM_read_bio_X509(bio, nullptr, nullptr, nullptr); }),
-            &X509_free);
+            PEM_read_bio_X509(bio(identity.certificatePEM).get(), nullptr, nullptr, nullptr), &X509_free);
         std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-            read(identity.privateKeyPEM,
-                 [](BIO* bio) { return PEM_read_bio_PrivateKey(bio, nullptr, nullptr, nullptr); }),
-            &EVP_PKEY_free);
+            PEM_read_bio_PrivateKey(bio(identity.privateKeyPEM).get(), nullptr, nullptr, nullptr), &EVP_PKEY_free);
         if (!certificate || !key) throw std::runtime_error("LoopbackServer: unreadable TLS identity");
         // The server context takes references of its own.
         auto server = std::make_unique<Exposed<httplib::SSLServer>>(certificate.get(), key.get());
@@ -199,53 +198,35 @@ private:
         return server;
     }
 
-    // httplib hands each accepted connection to a task queue; this one gives each its own thread
-    // and counts them.
-    class ConnectionThreads final : public httplib::TaskQueue {
-    public:
-        explicit ConnectionThreads(LoopbackServer& owner) : owner_(owner) {}
+    template <class T>
+    T locked(const T& value) const {
+        const std::lock_guard lock(connectionMutex_);
+        return value;
+    }
+
+    // httplib hands each accepted connection to a task queue, always from its accept thread;
+    // this one gives each connection a thread of its own and counts them.
+    struct ConnectionThreads final : httplib::TaskQueue {
+        LoopbackServer& owner;
+        std::list<std::future<void>> connections;  // a future of std::async joins its thread
+
+        explicit ConnectionThreads(LoopbackServer& o) : owner(o) {}
 
         void enqueue(std::function<void()> serve) override {
-            std::list<Connection> finished;
+            // Threads of closed connections are joined here, so that they do not pile up.
+            connections.remove_if([](auto& f) { return f.wait_for(std::chrono::seconds(0)) == std::future_status::ready; });
             {
-                const std::lock_guard lock(owner_.connectionMutex_);
-                ++owner_.accepted_;
-                ++owner_.open_;
-                owner_.peak_ = std::max(owner_.peak_, owner_.open_);
-                // Threads of closed connections are joined here, so that they do not pile up.
-                for (auto it = connections_.begin(); it != connections_.end();) {
-                    auto next = std::next(it);
-                    if (it->done) finished.splice(finished.end(), connections_, it);
-                    it = next;
-                }
-                connections_.emplace_back();
-                Connection& connection = connections_.back();
-                connection.thread = std::thread([this, &connection, serve = std::move(serve)] {
-                    serve();
-                    const std::lock_guard done(owner_.connectionMutex_);
-                    --owner_.open_;
-                    connection.done = true;
-                });
+                const std::lock_guard lock(owner.connectionMutex_);
+                ++owner.accepted_;
+                owner.peak_ = std::max(owner.peak_, ++owner.open_);
             }
-            for (Connection& connection : finished) connection.thread.join();
+            connections.push_back(std::async(std::launch::async, [this, serve = std::move(serve)] {
+                serve();
+                const std::lock_guard lock(owner.connectionMutex_);
+                --owner.open_;
+            }));
         }
-
-        void shutdown() override {
-            std::list<Connection> all;
-            {
-                const std::lock_guard lock(owner_.connectionMutex_);
-                all.swap(connections_);
-            }
-            for (Connection& connection : all) connection.thread.join();
-        }
-
-    private:
-        struct Connection {
-            std::thread thread;
-            bool done = false;
-        };
-        LoopbackServer& owner_;
-        std::list<Connection> connections_;  // guarded by owner_.connectionMutex_
+        void shutdown() override { connections.clear(); }
     };
 
     std::string scheme_;
@@ -255,9 +236,7 @@ private:
     std::atomic<std::size_t> requests_{0};
 
     mutable std::mutex connectionMutex_;
-    std::size_t accepted_ = 0;
-    std::size_t open_ = 0;
-    std::size_t peak_ = 0;
+    std::size_t accepted_ = 0, open_ = 0, peak_ = 0;
 
     std::mutex stopMutex_;
     std::condition_variable stopCondition_;
@@ -287,25 +266,5 @@ public:
 private:
     std::string path_;
 };
-
-/// A port on 127.0.0.1 on which nothing listens: an ephemeral port is bound and let go again,
-/// so connecting to it is refused (unless another process happens to take it meanwhile).
-inline int unusedLoopbackPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) throw std::runtime_error("unusedLoopbackPort: socket failed");
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
-    socklen_t length = sizeof address;
-    int port = -1;
-    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-        port = ntohs(address.sin_port);
-    }
-    ::close(fd);
-    if (port <= 0) throw std::runtime_error("unusedLoopbackPort: cannot bind a loopback port");
-    return port;
-}
 
 }  // namespace zul::test
