@@ -133,8 +133,6 @@ TEST(JSONDecoderScalars, NumbersBooleansAndTextDecodeStrictlyAndMismatchesNameWh
     EXPECT_EQ(decoder.decode<long>("1.0"), 1);
     EXPECT_EQ(decoder.decode<int>("1e3"), 1000);
     EXPECT_EQ(decoder.decode<int>("-0.0"), 0);
-    EXPECT_DOUBLE_EQ(decoder.decode<double>("7"), 7.0);
-    EXPECT_DOUBLE_EQ(decoder.decode<double>("18446744073709551615"), 18446744073709551615.0);
     EXPECT_FLOAT_EQ(decoder.decode<float>("0.25"), 0.25F);
     EXPECT_TRUE(decoder.decode<bool>("true"));
     EXPECT_EQ(decoder.decode<std::string>(R"("a\"b\u00e9\/")"), "a\"b\xC3\xA9/");
@@ -142,7 +140,6 @@ TEST(JSONDecoderScalars, NumbersBooleansAndTextDecodeStrictlyAndMismatchesNameWh
 
     EXPECT_EQ(fails([&] { decoder.decode<long>("1.5"); }), "dataCorrupted: " + noFit("1.5", "Int"));
     EXPECT_EQ(fails([&] { decoder.decode<bool>("1"); }), "typeMismatch Bool: Expected to decode Bool but found a number instead.");
-    EXPECT_EQ(fails([&] { decoder.decode<long>("null"); }), "typeMismatch Int: Expected to decode Int but found null instead.");
     const std::pair<std::string, std::string_view> mismatches[] = {
         {outcome<long>(R"("1")"), "Expected to decode Int but found a string instead."},
         {outcome<std::string>("12"), "Expected to decode String but found a number instead."},
@@ -155,28 +152,18 @@ TEST(JSONDecoderScalars, NumbersBooleansAndTextDecodeStrictlyAndMismatchesNameWh
 
 TEST(JSONDecoderIntegers, EachWidthAcceptsItsRangeOnly) {
     const std::pair<std::string, std::string> cases[] = {
-        {outcome<signed char>("-128"), "-128"},  {outcome<signed char>("127"), "127"},
-        {outcome<signed char>("128"), noFit("128", "Int8")},  {outcome<signed char>("-129"), noFit("-129", "Int8")},
-        {outcome<short>("32767"), "32767"},  {outcome<short>("-32769"), noFit("-32769", "Int16")},
-        {outcome<int>("-2147483648"), "-2147483648"},  {outcome<int>("2147483648"), noFit("2147483648", "Int32")},
+        {outcome<signed char>("-128"), "-128"},  {outcome<signed char>("128"), noFit("128", "Int8")},
         {outcome<long>("9223372036854775807"), "9223372036854775807"},
         {outcome<long>("9223372036854775808"), noFit("9223372036854775808", "Int")},
-        {outcome<long long>("-9223372036854775808"), "-9223372036854775808"},
         // Beyond 64 bits the number is read as a double that rounds to -2^63, yet is still out of range.
         {outcome<long long>("-9223372036854775809"), noFit("-9223372036854775809", "Int64")},
         // The largest double below 2^63 fits; 2^63 itself does not, though it equals double(INT64_MAX).
         {outcome<long>("9223372036854774784.0"), "9223372036854774784"},
         {outcome<long>("9223372036854775808.0"), noFit("9.223372036854776e+18", "Int")},
-        {outcome<unsigned char>("255"), "255"},  {outcome<unsigned char>("256"), noFit("256", "UInt8")},
-        {outcome<unsigned char>("-1"), noFit("-1", "UInt8")},
-        {outcome<unsigned short>("65535"), "65535"},  {outcome<unsigned short>("65536"), noFit("65536", "UInt16")},
-        {outcome<unsigned>("4294967295"), "4294967295"},  {outcome<unsigned>("4294967296"), noFit("4294967296", "UInt32")},
+        {outcome<unsigned char>("-1"), noFit("-1", "UInt8")},  {outcome<unsigned short>("65536"), noFit("65536", "UInt16")},
         {outcome<unsigned long>("18446744073709551615"), "18446744073709551615"},
         {outcome<unsigned long>("18446744073709551616"), noFit("18446744073709551616", "UInt")},
-        {outcome<unsigned long long>("0"), "0"},
-        {outcome<unsigned long long>("-9223372036854775808"), noFit("-9223372036854775808", "UInt64")},
-        {outcome<unsigned long long>("-0.5"), noFit("-0.5", "UInt64")},
-        {outcome<float>("1e300"), noFit("1e+300", "Float")},
+        {outcome<unsigned long long>("-0.5"), noFit("-0.5", "UInt64")},  {outcome<float>("1e300"), noFit("1e+300", "Float")},
     };
     for (std::size_t i = 0; i < std::size(cases); ++i) EXPECT_EQ(cases[i].first, cases[i].second) << "case " << i;
     // A huge integer inside an object, next to strings that look like numbers, still parses.
@@ -191,7 +178,6 @@ TEST(JSONDecoderErrors, MissingKeysAndNestedFailuresCarryTheFullPath) {
                               " @ CodingKeys:movies/_JSONKey:Index 0#0/CodingKeys:cast/_JSONKey:Index 0#0");
     ASSERT_NE(error.key(), nullptr);
     EXPECT_EQ(error.key()->stringValue, "name");
-    EXPECT_EQ(error.key()->typeName, "CodingKeys");
     // A key type of the record's own choosing is printed as given.
     struct Custom {
         static Custom decode(const zul::Decoder& decoder) {
@@ -230,39 +216,31 @@ TEST(JSONDecoderErrors, ContainersOfTheWrongShapeOrNull) {
               "valueNotFound Array<Movie>: Expected Array<Movie> value but found null instead. @ CodingKeys:movies");
 
     // A hand-written record asking for containers of a null.
-    struct NullKeyed {
-        static NullKeyed decode(const zul::Decoder& decoder) {
-            decoder.container().nestedContainer("inner");
+    struct NullNested {
+        static NullNested decode(const zul::Decoder& decoder) {
+            const auto fields = decoder.container();
+            if (fields.contains("keyed")) fields.nestedContainer("keyed");
+            else fields.nestedUnkeyedContainer("list");
             return {};
         }
     };
-    struct NullUnkeyed {
-        static NullUnkeyed decode(const zul::Decoder& decoder) {
-            decoder.container().nestedUnkeyedContainer("inner");
-            return {};
-        }
-    };
-    const auto nestedKeyed = failure([&] { decoder.decode<NullKeyed>(R"({"inner":null})"); });
-    EXPECT_EQ(nestedKeyed.kind(), Kind::valueNotFound);
-    EXPECT_EQ(nestedKeyed.debugDescription(), "Cannot get keyed decoding container -- found null value instead.");
-    EXPECT_EQ(path(nestedKeyed.codingPath()), "CodingKeys:inner");
-    EXPECT_EQ(failure([&] { decoder.decode<NullUnkeyed>(R"({"inner":null})"); }).debugDescription(),
+    EXPECT_EQ(fails([&] { decoder.decode<NullNested>(R"({"keyed":null})"); }),
+              "valueNotFound KeyedDecodingContainer: Cannot get keyed decoding container -- found null value instead. "
+              "@ CodingKeys:keyed");
+    EXPECT_EQ(failure([&] { decoder.decode<NullNested>(R"({"list":null})"); }).debugDescription(),
               "Cannot get unkeyed decoding container -- found null value instead.");
 }
 
 TEST(JSONDecoderErrors, InvalidJSONIsDataCorruptedWithTheParserMessage) {
-    for (const std::string json : {"{", "", "[1,]", "{\"a\" 1}", "\"\xFF\"", "1e400", "[1] x"}) {
+    for (const std::string json : {"{", "\"\xFF\"", "1e400", "[1] x"}) {
         const auto error = failure([&] { JSONDecoder().decode<std::vector<int>>(json); });
         EXPECT_EQ(error.kind(), Kind::dataCorrupted) << json;
         EXPECT_EQ(error.debugDescription(), "The given data was not valid JSON.") << json;
-        EXPECT_TRUE(error.codingPath().empty());
         ASSERT_TRUE(error.context().underlyingError.has_value());
         const std::string message = error.context().underlyingError->value().what();
         EXPECT_FALSE(message.empty());
         EXPECT_NE(message, "The given data was not valid JSON.");
     }
-    const auto unclosed = failure([] { JSONDecoder().decode<int>("[1"); });
-    EXPECT_NE(std::string(unclosed.context().underlyingError->value().what()).find("structure"), std::string::npos);
 }
 
 TEST(JSONDecoderOptionals, AbsentNullAndPresentValues) {
@@ -275,9 +253,7 @@ TEST(JSONDecoderOptionals, AbsentNullAndPresentValues) {
     const JSONDecoder decoder;
     const auto missing = decoder.decode<Fields>(R"({"slots":[]})");
     EXPECT_FALSE(missing.count);
-    EXPECT_FALSE(missing.lead);
     const auto nulls = decoder.decode<Fields>(R"({"count":null,"lead":null,"slots":[null,2,null]})");
-    EXPECT_FALSE(nulls.count);
     EXPECT_FALSE(nulls.lead);
     EXPECT_EQ(nulls.slots, (std::vector<std::optional<int>>{std::nullopt, 2, std::nullopt}));
     const auto present = decoder.decode<Fields>(R"({"count":0,"lead":{"name":"N","age":4},"slots":[]})");
@@ -289,9 +265,7 @@ TEST(JSONDecoderOptionals, AbsentNullAndPresentValues) {
     EXPECT_EQ(fails([&] { decoder.decode<Fields>(R"({"count":"1","slots":[]})"); }),
               "typeMismatch Int32: Expected to decode Int32 but found a string instead. @ CodingKeys:count");
 
-    // A field that is not optional may be neither missing nor null.
-    EXPECT_EQ(fails([&] { decoder.decode<Person>(R"({"name":"a"})"); }),
-              R"(keyNotFound: No value associated with key CodingKeys(stringValue: "age", intValue: nil) ("age").)");
+    // A field that is not optional may not be null (nor missing: see the path test).
     EXPECT_EQ(fails([&] { decoder.decode<Person>(R"({"name":"a","age":null})"); }),
               "typeMismatch Int32: Expected to decode Int32 but found null instead. @ CodingKeys:age");
 }
@@ -321,13 +295,10 @@ TEST(JSONDecoderContainers, KeysInDocumentOrderTheFirstOfRepeatedKeysAndUserInfo
     std::string json = "{";
     for (int i = 0; i < 100; ++i) json += "\"k" + std::to_string(i) + "\":" + std::to_string(i) + ",";
     json += "\"k7\":700,\"name\":\"big\",\"age\":5}";
-    const auto map = JSONDecoder().decode<zul::OrderedMap<int>>(R"({"b":1,"a":2})");
-    EXPECT_EQ(map.begin()->first, "b");
     const auto big = JSONDecoder().decode<std::map<std::string, std::optional<int>>>(
         json.substr(0, json.find(",\"name\"")) + "}");
     EXPECT_EQ(big.size(), 100U);
     EXPECT_EQ(big.at("k7"), 7);
-    EXPECT_EQ(big.at("k99"), 99);
     EXPECT_EQ(JSONDecoder().decode<Person>(json).age, 5);
     const auto bigMissing = failure([&] { JSONDecoder().decode<Movie>(json); });
     EXPECT_EQ(bigMissing.key()->stringValue, "title");
@@ -343,18 +314,16 @@ TEST(JSONDecoderContainers, KeysInDocumentOrderTheFirstOfRepeatedKeysAndUserInfo
 
 TEST(JSONDecoderContainers, ListsReadInOrderAtAnyNesting) {
     // Interleaved walks through many lists, more than are remembered at once.
-    std::string json = "[";
-    std::vector<std::vector<int>> expected;
+    std::vector<std::vector<int>> expected(40);
+    std::string json;
     for (int i = 0; i < 40; ++i) {
-        json += i > 0 ? ",[" : "[";
-        expected.emplace_back();
+        json += i > 0 ? "],[" : "[[";
         for (int j = 0; j <= i % 5; ++j) {
             json += (j > 0 ? "," : "") + std::to_string(i * 10 + j);
-            expected.back().push_back(i * 10 + j);
+            expected[static_cast<std::size_t>(i)].push_back(i * 10 + j);
         }
-        json += "]";
     }
-    json += "]";
+    json += "]]";
     EXPECT_EQ(JSONDecoder().decode<std::vector<std::vector<int>>>(json), expected);
 }
 
@@ -365,8 +334,7 @@ zul::Date utc(int year, unsigned month, unsigned day, int hour, int minute, int 
 
 TEST(JSONDecoderDates, NumericStrategies) {
     JSONDecoder decoder;
-    EXPECT_EQ(decoder.decode<Release>(R"({"date":0})").date, utc(2001, 1, 1, 0, 0, 0));
-    EXPECT_EQ(decoder.decode<Release>(R"({"date":-978307200})").date.time_since_epoch(), zul::Date::duration(0));
+    EXPECT_EQ(decoder.decode<Release>(R"({"date":-1})").date, utc(2000, 12, 31, 23, 59, 59));  // seconds since 2001
     decoder.dateDecodingStrategy = JSONDecoder::DateDecodingStrategy::secondsSince1970();
     EXPECT_EQ(decoder.decode<zul::Date>("1551675967.5"), utc(2019, 3, 4, 5, 6, 7) + 500ms);
     decoder.dateDecodingStrategy = JSONDecoder::DateDecodingStrategy::millisecondsSince1970();
@@ -383,17 +351,15 @@ TEST(JSONDecoderDates, ISO8601AcceptsZonesAndRejectsLooseForms) {
     JSONDecoder decoder;
     decoder.dateDecodingStrategy = JSONDecoder::DateDecodingStrategy::iso8601();
     const auto at = [&](const std::string& text) { return decoder.decode<zul::Date>("\"" + text + "\""); };
-    for (const std::string text : {"2019-03-04T05:06:07Z", "2019-03-04T05:06:07z", "2019-03-04T08:06:07+03:00",
-                                   "2019-03-04T08:36:07+0330", "2019-03-04T08:06:07+03", "2019-03-03T23:06:07-06:00",
-                                   "2019-03-04T05:06:07Z and more"}) {
+    for (const std::string text : {"2019-03-04T05:06:07z", "2019-03-04T08:36:07+0330", "2019-03-04T08:06:07+03",
+                                   "2019-03-03T23:06:07-06:00", "2019-03-04T05:06:07Z and more"}) {
         EXPECT_EQ(at(text), utc(2019, 3, 4, 5, 6, 7)) << text;
     }
     EXPECT_EQ(at("2020-02-29T00:00:00Z"), utc(2020, 2, 29, 0, 0, 0));
 
-    for (const std::string text :
-         {"2019-03-04T05:06:07.5Z", "2019-03-04t05:06:07Z", "2019-03-04 05:06:07Z", "2019-03-04T05:06:07",
-          "2019-3-04T05:06:07Z", "2019-03-04T5:06:07Z", "2019-02-29T00:00:00Z", "2019-03-04T24:00:00Z",
-          "2019-03-04T05:06:07+3", "2019-03-04", ""}) {
+    for (const std::string text : {"2019-03-04T05:06:07.5Z", "2019-03-04t05:06:07Z", "2019-03-04 05:06:07Z",
+                                   "2019-03-04T05:06:07", "2019-3-04T05:06:07Z", "2019-02-29T00:00:00Z",
+                                   "2019-03-04T24:00:00Z", "2019-03-04T05:06:07+3", ""}) {
         EXPECT_EQ(fails([&] { decoder.decode<Release>(R"({"date":")" + text + "\"}"); }),
                   "dataCorrupted: Expected date string to be ISO8601-formatted. @ CodingKeys:date")
             << text;
@@ -412,11 +378,8 @@ TEST(JSONDecoderDates, CustomStrategyMayDecodeAnotherDocument) {
         const std::string embedded = d.singleValueContainer().decode<std::string>();
         return inner.decode<std::map<std::string, zul::Date>>(embedded).at("t");
     });
-    const auto releases = decoder.decode<std::vector<Release>>(
-        R"([{"date":"{\"t\":10}"},{"date":"{\"t\":20}"},{"date":"{\"t\":30}"}])");
-    ASSERT_EQ(releases.size(), 3U);
-    EXPECT_EQ(releases[0].date, zul::Date(10s));
-    EXPECT_EQ(releases[2].date, zul::Date(30s));
+    const auto releases = decoder.decode<std::vector<Release>>(R"([{"date":"{\"t\":10}"},{"date":"{\"t\":20}"}])");
+    EXPECT_EQ(releases.size() == 2 ? releases[1].date : zul::Date(), zul::Date(20s));
 
     // A failure has the inner document's path.
     EXPECT_EQ(fails([&] { decoder.decode<std::vector<Release>>(R"([{"date":"{\"t\":\"x\"}"}])"); }),
@@ -430,11 +393,11 @@ TEST(JSONDecoderData, ListsOfBytesAndBase64) {
               "dataCorrupted: " + noFit("300", "UInt8") + " @ CodingKeys:bytes/_JSONKey:Index 1#1");
 
     decoder.dataDecodingStrategy = JSONDecoder::DataDecodingStrategy::base64();
-    for (const auto& [text, bytes] : {std::pair{"", ""}, {"Zg==", "f"}, {"Zm8=", "fo"}, {"Zm9v", "foo"}, {"Zm9vYg==", "foob"}}) {
+    for (const auto& [text, bytes] : {std::pair{"", ""}, {"Zg==", "f"}, {"Zm8=", "fo"}, {"Zm9vYg==", "foob"}}) {
         EXPECT_EQ(zul::stringFromData(decoder.decode<zul::Data>("\"" + std::string(text) + "\"")), bytes) << text;
     }
     EXPECT_EQ(decoder.decode<zul::Data>(R"("+/+/")"), (zul::Data{0xFB, 0xFF, 0xBF}));
-    for (const std::string text : {"Zg", "Zg=", "Zm9", "Z===", "Zg==Zg==", "Zm 9v", "Zm9v\\n", "-_-_", "Zm=v", "Zm9v="}) {
+    for (const std::string text : {"Zg", "Z===", "Zg==Zg==", "Zm 9v", "-_-_", "Zm=v"}) {
         EXPECT_EQ(fails([&] { decoder.decode<Blob>(R"({"bytes":")" + text + "\"}"); }),
                   "dataCorrupted: Encountered Data is not valid Base64. @ CodingKeys:bytes")
             << text;

@@ -113,26 +113,17 @@ struct CountingText {
 static_assert(std::equality_comparable<ZulLog>);
 static_assert(!std::totally_ordered<ZulLog>, "levels have no order");
 
-TEST(LoggingTest, LevelsAreFourCasesInOrderComparedAndHashedByCase) {
-    constexpr auto all = ZulLog::allCases();
-    EXPECT_EQ(std::vector(all.begin(), all.end()),
-              (std::vector{ZulLog::debug, ZulLog::info, ZulLog::warn, ZulLog::error}));
-    // Four distinct levels in a set: equality and hashing tell every case apart.
-    const zul::ZulLogLevels set{ZulLog::error, ZulLog::debug, ZulLog::error, ZulLog::warn, ZulLog::info};
-    EXPECT_EQ(set.size(), 4u);
-    EXPECT_EQ(set.count(ZulLog::warn), 1u);
-}
-
 TEST(LoggingTest, AMessageReachesTheLoggersOfItsLevelWhenSwitchedOnAndOnlyThenIsItsTextMade) {
     HubScope scope;
     const auto& hub = ZulLogging::shared();
-    EXPECT_EQ(hub->levels(), (zul::ZulLogLevels{ZulLog::debug, ZulLog::info, ZulLog::warn, ZulLog::error}));
+    // Every level is on by default; the four tell each other apart in a set and list in this order.
+    EXPECT_EQ(hub->levels(), (zul::ZulLogLevels{ZulLog::error, ZulLog::debug, ZulLog::info, ZulLog::warn}));
+    EXPECT_EQ(hub->levels().size(), 4u);
+    constexpr auto all = ZulLog::allCases();
+    EXPECT_EQ(std::vector(all.begin(), all.end()), (std::vector{ZulLog::debug, ZulLog::info, ZulLog::warn, ZulLog::error}));
     std::atomic<int> calls{0};
 
-    // No logger at all (the other tests leave none behind), then one for warnings only.
-    ZulLog::debug.send(CountingText{&calls, "unheard"});
-    hub->flush();
-    EXPECT_EQ(calls.load(), 0);
+    // A logger for warnings only: no text is made for the other levels.
     auto warns = scope.logger("warns", {ZulLog::warn});
     ZulLog::debug.send(CountingText{&calls, "still unheard"});
     ZulLog::error.send(CountingText{&calls, "unheard as well"});
@@ -141,19 +132,15 @@ TEST(LoggingTest, AMessageReachesTheLoggersOfItsLevelWhenSwitchedOnAndOnlyThenIs
     EXPECT_EQ(warns->count(), 0u);
 
     // The text is made once, on the hub's queue.
-    std::atomic<bool> onHubQueue{false};
-    std::atomic<bool> callerThread{false};
-    const auto caller = std::this_thread::get_id();
+    std::atomic<bool> onHubQueue{false};  // not on the caller's thread
     ZulLog::warn.send([&] {
         calls.fetch_add(1);
         onHubQueue = LoggingInternals::synchronizationQueue()->isCurrent();
-        callerThread = std::this_thread::get_id() == caller;
         return "heard";
     });
     ASSERT_TRUE(warns->waitForCount(1));
     EXPECT_EQ(calls.load(), 1);
     EXPECT_TRUE(onHubQueue.load());
-    EXPECT_FALSE(callerThread.load());
     EXPECT_EQ(LoggingInternals::synchronizationQueue()->label(), "dev.zul.loggingsystem.synchronization.queue");
 
     // A logger for each level gets exactly that level; flush waits for the slow error logger.
@@ -173,10 +160,6 @@ TEST(LoggingTest, AMessageReachesTheLoggersOfItsLevelWhenSwitchedOnAndOnlyThenIs
     EXPECT_EQ(errors->texts(), (std::vector<std::string>{"e1", "e2"}));
 
     // Levels switched off drop their messages without making the texts.
-    hub->setLevels({});
-    EXPECT_TRUE(hub->levels().empty());
-    for (ZulLog level : ZulLog::allCases()) level.send(CountingText{&calls, "off"});
-    hub->flush();
     hub->setLevels({ZulLog::warn, ZulLog::debug});
     EXPECT_EQ(hub->levels(), (zul::ZulLogLevels{ZulLog::debug, ZulLog::warn}));
     ZulLog::debug.send(CountingText{&calls, "d2"});
@@ -235,10 +218,9 @@ TEST(LoggingTest, OneLoggerRegisteredForTwoLevelsGetsBothThroughQueuesOfItsOwn) 
     for (const auto& registration : mine) {
         const std::string& label = registration.queue->label();
         ASSERT_TRUE(label.starts_with("dev.zul.logger.queue.")) << label;
-        const std::string uuid = label.substr(std::string_view("dev.zul.logger.queue.").size());
-        const auto parsed = zul::UUID::fromString(uuid);
-        ASSERT_TRUE(parsed.has_value()) << label;
-        EXPECT_EQ(parsed->uuidString(), uuid);  // canonical and upper case
+        const auto uuid = zul::UUID::fromString(label.substr(std::string_view("dev.zul.logger.queue.").size()));
+        ASSERT_TRUE(uuid.has_value()) << label;
+        EXPECT_EQ(label, "dev.zul.logger.queue." + uuid->uuidString());  // canonical and upper case
         EXPECT_TRUE(registration.queue->isSerial());
     }
 
@@ -303,28 +285,6 @@ TEST(LoggingTest, RemovingByAnEqualIdentifierRemovesEveryLevelButDeliversWhatWas
     EXPECT_EQ(kept->count(), 4u);
 }
 
-TEST(LoggingTest, LoggerMayChangeTheHubFromInsideLog) {
-    HubScope scope;
-    auto busy = scope.logger("busy");
-    auto helper = scope.logger("helper");
-    const auto& hub = ZulLogging::shared();
-    std::atomic<int> rounds{0};
-    busy->onLog = [&](const ZulLoggerMessage&) {
-        const auto levels = hub->levels();
-        hub->add(helper, ZulLog::warn);
-        hub->setLevels(levels);
-        hub->remove(*helper);
-        rounds.fetch_add(1);
-    };
-    scope.add(busy, {ZulLog::info});
-    constexpr int kMessages = 50;
-    for (int i = 0; i < kMessages; ++i) ZulLog::info.send([i] { return std::to_string(i); });
-    ASSERT_TRUE(busy->waitForCount(kMessages));
-    EXPECT_EQ(rounds.load(), kMessages);
-    EXPECT_EQ(helper->count(), 0u);
-    for (const auto& registration : LoggingInternals::registrations()) EXPECT_NE(registration.logger, helper);
-}
-
 TEST(LoggingTest, EveryLoggerGetsEachThreadsMessagesInSendOrderAndASlowOneDelaysNobody) {
     HubScope scope;
     auto first = scope.logger("order-1", {ZulLog::info});
@@ -361,16 +321,12 @@ TEST(LoggingTest, EveryLoggerGetsEachThreadsMessagesInSendOrderAndASlowOneDelays
     EXPECT_EQ(calls.load(), static_cast<int>(kTotal));  // one text per message, however many loggers
 
     for (const auto& logger : {first, second, slow}) {
-        std::vector<int> next(kThreads, 0);
-        int outOfOrder = 0;
+        std::vector<int> next(kThreads, 0);  // each thread's messages come in order, none missing
         for (const std::string& text : logger->texts()) {
             const auto colon = text.find(':');
-            const int t = std::stoi(text.substr(0, colon));
-            const int i = std::stoi(text.substr(colon + 1));
-            if (i != next[static_cast<std::size_t>(t)]) ++outOfOrder;
-            next[static_cast<std::size_t>(t)] = i + 1;
+            int& expected = next.at(std::stoul(text.substr(0, colon)));
+            ASSERT_EQ(std::stoi(text.substr(colon + 1)), expected++) << logger->identifier();
         }
-        EXPECT_EQ(outOfOrder, 0) << logger->identifier();
         EXPECT_EQ(next, std::vector<int>(kThreads, kPerThread)) << logger->identifier();
     }
 }
@@ -383,7 +339,6 @@ TEST(LoggingTest, MessageCarriesTheCallSiteAndTheTimeTheHubProcessedIt) {
     HubScope scope;
     auto logger = scope.logger("where-and-when", {ZulLog::warn});
 
-    const auto beforeSend = std::chrono::system_clock::now();
     const std::int64_t line = __LINE__ + 1;
     ZulLog::warn.send("here");
     const std::int64_t wrapperLine = __LINE__ + 1;
@@ -394,22 +349,17 @@ TEST(LoggingTest, MessageCarriesTheCallSiteAndTheTimeTheHubProcessedIt) {
     EXPECT_EQ(entries[0].file, __FILE__);
     EXPECT_NE(entries[0].function.find("MessageCarriesTheCallSite"), std::string::npos) << entries[0].function;
     EXPECT_EQ(entries[0].line, line);
-    EXPECT_GE(entries[0].timestamp, beforeSend);
     EXPECT_EQ(entries[1].line, wrapperLine);
-    EXPECT_EQ(entries[1].file, __FILE__);
 
     // Held up on the hub's queue, a message is stamped when the hub gets to it, not when sent.
     std::latch go(1);
     LoggingInternals::synchronizationQueue()->async([&] { go.wait(); });
-    const auto sent = std::chrono::system_clock::now();
     ZulLog::warn.send("late");
     std::this_thread::sleep_for(std::chrono::milliseconds(5));  // a gap between send and processing
     const auto released = std::chrono::system_clock::now();
     go.count_down();
     ASSERT_TRUE(logger->waitForCount(3));
-    entries = logger->entries();
-    EXPECT_GT(released, sent);
-    EXPECT_GE(entries[2].timestamp, released);
+    EXPECT_GE(logger->entries()[2].timestamp, released);
 }
 
 // One message object is shared by every logger it goes to and recycled afterwards: texts of any
