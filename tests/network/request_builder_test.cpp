@@ -7,12 +7,7 @@
 
 namespace {
 
-using zul::AnyMap;
-using zul::BaseURLOptions;
-using zul::HeaderMap;
-using zul::NetworkRouterError;
-using zul::Task;
-using zul::URL;
+using namespace zul;
 
 struct Host final : zul::NetworkEnvironment {
     std::string name;
@@ -37,35 +32,30 @@ struct TestService final : zul::ServiceType {
     Task task() const override { return serviceTask; }
 };
 
-NetworkRouterError::Kind buildFailure(const zul::ServiceType& service, const zul::NetworkEnvironment* environment) {
+/// The router error a build ends with (`.value()` on it throws, failing the test, if it succeeds).
+std::optional<NetworkRouterError> buildError(const ServiceType& service, const NetworkEnvironment* environment) {
     try {
-        (void)zul::detail::buildRequest(service, environment, nullptr);
+        (void)detail::buildRequest(service, environment, nullptr);
     } catch (const NetworkRouterError& error) {
-        return error.kind();
+        return error;
     }
-    ADD_FAILURE() << "the build succeeded";
-    return NetworkRouterError::Kind::unknownError;
+    return std::nullopt;
 }
 
 TEST(RequestBuilderTest, BaseAddressFromACustomURLOrFromTheEnvironment) {
     const Host host("api.example.com:8443");
     TestService custom;
     custom.base = BaseURLOptions::custom(*URL::fromString("https://cdn.example.com/v2"));
-    EXPECT_EQ(zul::detail::baseURL(custom, nullptr).absoluteString(), "https://cdn.example.com/v2");
     EXPECT_EQ(zul::detail::baseURL(custom, &host).absoluteString(), "https://cdn.example.com/v2");
 
     TestService api;
     EXPECT_EQ(zul::detail::baseURL(api, &host).absoluteString(), "https://api.example.com:8443/");
-    EXPECT_EQ(buildFailure(api, nullptr), NetworkRouterError::Kind::invalidEnvironment);
-
-    const Host h("h");
+    EXPECT_EQ(buildError(api, nullptr).value().kind(), NetworkRouterError::Kind::invalidEnvironment);
     api.serviceSchema = zul::SchemaType::custom("wss");
-    EXPECT_EQ(zul::detail::baseURL(api, &h).absoluteString(), "wss://h/");
-    api.serviceSchema = zul::SchemaType::http();
-    EXPECT_EQ(zul::detail::baseURL(api, &h).absoluteString(), "http://h/");
+    EXPECT_EQ(zul::detail::baseURL(api, &host).absoluteString(), "wss://api.example.com:8443/");
 
     const Host broken("bad host name");
-    EXPECT_EQ(buildFailure(TestService{}, &broken), NetworkRouterError::Kind::invalidUrl);
+    EXPECT_EQ(buildError(TestService{}, &broken).value().kind(), NetworkRouterError::Kind::invalidUrl);
 }
 
 TEST(RequestBuilderTest, PathMethodTimeOutAndDefaults) {
@@ -76,13 +66,9 @@ TEST(RequestBuilderTest, PathMethodTimeOutAndDefaults) {
     EXPECT_EQ(request.httpMethod(), "GET");
     EXPECT_EQ(request.timeoutInterval(), 15.0);
     EXPECT_EQ(request.cachePolicy(), zul::URLRequestCachePolicy::useProtocolCachePolicy);
-    EXPECT_TRUE(request.allHTTPHeaderFields().empty());
-    EXPECT_FALSE(request.httpBody().has_value());
+    EXPECT_TRUE(request.allHTTPHeaderFields().empty() && !request.httpBody());
     EXPECT_EQ(service.responseFormat(), zul::ResponseFormat::json);
-    EXPECT_TRUE(service.shouldPropagateErrorAfterCancelling());
-    EXPECT_FALSE(service.keepSuspended());
-    EXPECT_FALSE(service.sampleResponse().has_value());
-    EXPECT_EQ(service.schema().description(), "https");
+    EXPECT_TRUE(service.shouldPropagateErrorAfterCancelling() && !service.keepSuspended() && !service.sampleResponse());
 
     service.servicePath = "v1/movies list";
     service.method = zul::HTTPMethod::delete_;
@@ -90,11 +76,11 @@ TEST(RequestBuilderTest, PathMethodTimeOutAndDefaults) {
     EXPECT_EQ(request.url()->absoluteString(), "https://h/v1/movies%20list");
     EXPECT_EQ(request.httpMethod(), "DELETE");
 
-    const std::pair<zul::HTTPMethod, const char*> tokens[] = {
-        {zul::HTTPMethod::get, "GET"},         {zul::HTTPMethod::post, "POST"},     {zul::HTTPMethod::put, "PUT"},
-        {zul::HTTPMethod::patch, "PATCH"},     {zul::HTTPMethod::options, "OPTIONS"}, {zul::HTTPMethod::delete_, "DELETE"},
-        {zul::HTTPMethod::head, "HEAD"},       {zul::HTTPMethod::trace, "TRACE"}};
-    for (const auto& [method, token] : tokens) EXPECT_EQ(zul::description(method), token);
+    using M = zul::HTTPMethod;
+    for (const auto& [method, token] : {std::pair{M::get, "GET"}, {M::post, "POST"}, {M::put, "PUT"},
+                                        {M::patch, "PATCH"}, {M::options, "OPTIONS"}, {M::head, "HEAD"},
+                                        {M::trace, "TRACE"}})
+        EXPECT_EQ(zul::description(method), token);
 }
 
 TEST(RequestBuilderTest, DataServiceMembers) {
@@ -103,23 +89,15 @@ TEST(RequestBuilderTest, DataServiceMembers) {
     auto request = zul::detail::buildRequest(get, nullptr, nullptr);
     EXPECT_EQ(request.url()->absoluteString(), "https://h/file?x=1");
     EXPECT_EQ(request.timeoutInterval(), 15.0);
-    EXPECT_EQ(request.httpMethod(), "GET");
     EXPECT_EQ(get.responseFormat(), zul::ResponseFormat::rawData);
-    EXPECT_TRUE(std::holds_alternative<Task::Request>(get.task().value()));
 
     const auto post = zul::DataService::post(url, zul::dataFromString("body"), zul::NetworkRequestParameters{2.5},
                                              HeaderMap{{"X-Trace", "7"}});
     request = zul::detail::buildRequest(post, nullptr, nullptr);
     EXPECT_EQ(request.timeoutInterval(), 2.5);
-    EXPECT_EQ(request.httpMethod(), "POST");
-    EXPECT_EQ(zul::stringFromData(*request.httpBody()), "body");
     EXPECT_EQ(request.value("x-trace"), "7");
     // Posting runs the URL encoder with no parameters: the existing query is dropped, "?" stays.
     EXPECT_EQ(request.url()->absoluteString(), "https://h/file?");
-    const Task postTask = post.task();
-    const auto* withData = std::get_if<Task::RequestWithData>(&postTask.value());
-    ASSERT_NE(withData, nullptr);
-    EXPECT_TRUE(withData->urlParameters.empty());
 }
 
 TEST(RequestBuilderTest, TasksEncodeInTheirOrderAndHeadersMergeServiceOverRouterAfterTheEncoders) {
@@ -148,16 +126,11 @@ TEST(RequestBuilderTest, TasksEncodeInTheirOrderAndHeadersMergeServiceOverRouter
     request = zul::detail::buildRequest(service, &host, nullptr);
     EXPECT_EQ(request.url()->absoluteString(), "https://h/search?page=2");
     EXPECT_FALSE(request.httpBody().has_value());
-
     service.serviceTask = Task::requestWithData(std::nullopt, AnyMap{{"k", "v"}});
     request = zul::detail::buildRequest(service, &host, nullptr);
-    EXPECT_FALSE(request.httpBody().has_value());
-    EXPECT_EQ(request.url()->absoluteString(), "https://h/search?k=v");
+    EXPECT_TRUE(request.url()->absoluteString() == "https://h/search?k=v" && !request.httpBody());
 
-    service.serviceTask = Task::custom([](zul::URLRequest& r) {
-        r.setHTTPMethod("PURGE");
-        r.setValue("1", "X-Custom");
-    });
+    service.serviceTask = Task::custom([](URLRequest& r) { r.setHTTPMethod("PURGE"), r.setValue("1", "X-Custom"); });
     request = zul::detail::buildRequest(service, &host, nullptr);
     EXPECT_EQ(request.httpMethod(), "PURGE");
     EXPECT_EQ(request.value("X-Custom"), "1");
@@ -166,19 +139,14 @@ TEST(RequestBuilderTest, TasksEncodeInTheirOrderAndHeadersMergeServiceOverRouter
 TEST(RequestBuilderTest, TaskFailuresEndTheBuildUnchanged) {
     const Host host("h");
     TestService service;
-    service.serviceTask = Task::custom([](zul::URLRequest&) { throw std::invalid_argument("no token"); });
+    service.serviceTask = Task::custom([](URLRequest&) { throw std::invalid_argument("no token"); });
     EXPECT_THROW((void)zul::detail::buildRequest(service, &host, nullptr), std::invalid_argument);
 
-    service.serviceTask =
-        Task::requestCompositeParameters(AnyMap{{"when", zul::Date{}}}, AnyMap{{"q", "x"}});
-    try {
-        (void)zul::detail::buildRequest(service, &host, nullptr);
-        FAIL() << "no error";
-    } catch (const NetworkRouterError& error) {
-        EXPECT_EQ(error.kind(), NetworkRouterError::Kind::encoding);
-        ASSERT_NE(error.params(), nullptr);
-        EXPECT_TRUE(error.params()->contains("when"));
-    }
+    service.serviceTask = Task::requestCompositeParameters(AnyMap{{"when", Date{}}}, AnyMap{{"q", "x"}});
+    const NetworkRouterError error = buildError(service, &host).value();
+    EXPECT_EQ(error.kind(), NetworkRouterError::Kind::encoding);
+    ASSERT_NE(error.params(), nullptr);
+    EXPECT_TRUE(error.params()->contains("when"));
 }
 
 }  // namespace

@@ -14,14 +14,11 @@ namespace zul::test {
 
 /// A service on a full base address, configurable field by field.
 struct LocalService : ServiceType {
-    std::string base;
-    std::string route;
+    std::string base, route;
     HTTPMethod method = HTTPMethod::get;
-    std::optional<Data> body;
+    std::optional<Data> body, sample;
     std::optional<HeaderMap> fields;
     double seconds = 15.0;
-    bool suspended = false;
-    std::optional<Data> sample;
 
     LocalService(std::string baseURL, std::string path) : base(std::move(baseURL)), route(std::move(path)) {}
     BaseURLOptions baseURL() const override { return BaseURLOptions::custom(*URL::fromString(base)); }
@@ -30,12 +27,11 @@ struct LocalService : ServiceType {
     std::optional<HeaderMap> headers() const override { return fields; }
     Task task() const override { return body ? Task::requestWithData(body, {}) : Task::request(); }
     double timeout() const override { return seconds; }
-    bool keepSuspended() const override { return suspended; }
     std::optional<Data> sampleResponse() const override { return sample; }
 };
 
-/// A service that the global probe plug-in acts on; other services pass it untouched, so that
-/// registering it globally does not disturb other tests.
+/// The only service a probe made with `onlyProbedServices` acts on, so that a probe registered
+/// globally does not disturb other tests.
 struct ProbedService final : LocalService {
     using LocalService::LocalService;
 };
@@ -43,18 +39,9 @@ struct ProbedService final : LocalService {
 /// A shared, ordered record of the hooks plug-ins saw.
 class HookLog {
 public:
-    void add(std::string entry) {
-        std::lock_guard lock(mutex_);
-        entries_.push_back(std::move(entry));
-    }
-    std::vector<std::string> entries() const {
-        std::lock_guard lock(mutex_);
-        return entries_;
-    }
-    void clear() {
-        std::lock_guard lock(mutex_);
-        entries_.clear();
-    }
+    void add(std::string entry) { std::lock_guard lock(mutex_); entries_.push_back(std::move(entry)); }
+    std::vector<std::string> entries() const { std::lock_guard lock(mutex_); return entries_; }
+    void clear() { std::lock_guard lock(mutex_); entries_.clear(); }
 
 private:
     mutable std::mutex mutex_;
@@ -68,55 +55,44 @@ public:
         : tag_(std::move(tag)), log_(log), onlyProbed_(onlyProbedServices) {}
 
     std::optional<std::string> pluginName;
-    std::atomic<bool> cancels{false};      // willTransmit answers true
-    std::atomic<bool> refuses{false};      // prepareTransmit answers absent
-    std::atomic<bool> rejects{false};      // didReceive answers true
-    std::atomic<bool> stopsRedirects{false};
-    std::atomic<int> delays{0};            // prepareReceive postpones this many results
-    std::string addedHeader;               // prepareTransmit sets "X-Probe: <tag>" when not empty
+    std::atomic<bool> cancels{false}, refuses{false}, rejects{false}, stopsRedirects{false};
+    std::atomic<int> delays{0};  // prepareReceive postpones this many results
+    std::string addedHeader;     // prepareTransmit sets "X-Probe: <addedHeader>" when not empty
 
-    void reset() {
-        cancels = refuses = rejects = stopsRedirects = false;
-        delays = 0;
-    }
+    void reset() { cancels = refuses = rejects = stopsRedirects = false; delays = 0; }
 
     std::optional<std::string> name() const override { return pluginName; }
-
     bool willTransmit(const URLRequest&, const ServiceType& service) override {
-        if (!applies(service)) return false;
-        log_.add(tag_ + ".willTransmit");
-        return cancels;
+        return log(service, "willTransmit") && cancels;
     }
     std::optional<URLRequest> prepareTransmit(URLRequest request, const ServiceType& service) override {
-        if (!applies(service)) return request;
-        log_.add(tag_ + ".prepareTransmit");
+        if (!log(service, "prepareTransmit")) return request;
         if (refuses) return std::nullopt;
         if (!addedHeader.empty()) request.addValue(addedHeader, "X-Probe");
         return request;
     }
     void prepareReceive(PluginResult result, const ServiceType& service,
                         UniqueFunction<void(PluginResult)> completion) override {
-        if (!applies(service)) return completion(std::move(result));
-        log_.add(tag_ + ".prepareReceive");
-        if (delays.fetch_sub(1) > 0) return completion(PluginResult::failure(NetworkPluginError::delay()));
+        if (log(service, "prepareReceive") && delays.fetch_sub(1) > 0)
+            return completion(PluginResult::failure(NetworkPluginError::delay()));
         completion(std::move(result));
     }
     void didReceive(const Response&, const ServiceType& service, UniqueFunction<void(bool)> completion) override {
-        if (!applies(service)) return completion(false);
-        log_.add(tag_ + ".didReceive");
-        completion(rejects.load());
+        completion(log(service, "didReceive") && rejects);
     }
     std::optional<URLRequest> handleRedirect(const HTTPURLResponse& response, URLRequest request,
                                              const ServiceType& service) override {
-        if (!applies(service)) return request;
-        log_.add(tag_ + ".handleRedirect " + std::to_string(response.statusCode()));
-        if (stopsRedirects) return std::nullopt;
+        if (log(service, "handleRedirect " + std::to_string(response.statusCode())) && stopsRedirects)
+            return std::nullopt;
         return request;
     }
 
 private:
-    bool applies(const ServiceType& service) const {
-        return !onlyProbed_ || dynamic_cast<const ProbedService*>(&service) != nullptr;
+    /// Records the hook if this probe acts on the service, and says whether it does.
+    bool log(const ServiceType& service, const std::string& hook) {
+        if (onlyProbed_ && dynamic_cast<const ProbedService*>(&service) == nullptr) return false;
+        log_.add(tag_ + "." + hook);
+        return true;
     }
     std::string tag_;
     HookLog& log_;

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -16,42 +15,30 @@
 
 namespace {
 
-using namespace std::chrono_literals;
-
 struct ToolRun {
     int status = -1;
-    std::string out;
-    std::string err;
+    std::string out, err;
+    bool operator==(const ToolRun&) const = default;
+    friend void PrintTo(const ToolRun& run, std::ostream* os) {
+        *os << "status " << run.status << ", out \"" << run.out << "\", err \"" << run.err << '"';
+    }
 };
 
 std::string slurp(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
     std::ostringstream text;
-    text << file.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
-std::string quoted(const std::string& argument) {
-    std::string result = "'";
-    for (char c : argument) {
-        if (c == '\'') result += "'\\''";
-        else result += c;
-    }
-    return result + "'";
-}
-
+/// Runs `zul fetch` with the arguments (none of which holds a single quote) through the shell.
 ToolRun fetch(const std::vector<std::string>& arguments) {
-    const auto directory = std::filesystem::temp_directory_path() /
-                           ("zul-fetch-" + std::to_string(::getpid()) + "-" + std::to_string(std::rand()));
+    const auto directory = std::filesystem::temp_directory_path() / ("zul-fetch-" + std::to_string(::getpid()));
     std::filesystem::create_directories(directory);
-    std::string command = quoted(ZUL_TOOL_PATH) + " fetch";
-    for (const std::string& argument : arguments) command += " " + quoted(argument);
-    command += " >" + quoted((directory / "out").string()) + " 2>" + quoted((directory / "err").string());
-    const int raw = std::system(command.c_str());
-    ToolRun run;
-    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    run.out = slurp(directory / "out");
-    run.err = slurp(directory / "err");
+    std::string command = std::string("'") + ZUL_TOOL_PATH + "' fetch";
+    for (const std::string& argument : arguments) command += " '" + argument + "'";
+    const int raw = std::system((command + " >'" + (directory / "out").string() + "' 2>'" +
+                                 (directory / "err").string() + "'").c_str());
+    ToolRun run{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(directory / "out"), slurp(directory / "err")};
     std::filesystem::remove_all(directory);
     return run;
 }
@@ -59,19 +46,18 @@ ToolRun fetch(const std::vector<std::string>& arguments) {
 constexpr const char* kJSON = R"({"data": {"id": 7, "title": "Up"}, "list": [1, 1.5, true, null]})";
 
 void routes(httplib::Server& server) {
-    auto echo = [](const httplib::Request& request, httplib::Response& response) {
-        response.set_header("X-Echo-Method", request.method);
-        response.set_content(request.method + "|" + request.get_header_value("X-Token") + "|" + request.body,
-                             "text/plain");
+    using Req = httplib::Request;
+    using Res = httplib::Response;
+    auto echo = [](const Req& req, Res& res) {
+        res.set_header("X-Echo-Method", req.method);
+        res.set_content(req.method + "|" + req.get_header_value("X-Token") + "|" + req.body, "text/plain");
     };
     server.Get("/echo", echo);
     server.Post("/echo", echo);
-    server.Get("/json", [](const httplib::Request&, httplib::Response& response) {
-        response.set_content(kJSON, "application/json");
-    });
-    server.Get("/slow", [](const httplib::Request&, httplib::Response& response) {
-        std::this_thread::sleep_for(2500ms);
-        response.set_content("late", "text/plain");
+    server.Get("/json", [](const Req&, Res& res) { res.set_content(kJSON, "application/json"); });
+    server.Get("/slow", [](const Req&, Res& res) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+        res.set_content("late", "text/plain");
     });
 }
 
@@ -99,26 +85,19 @@ TEST(ZulFetchTest, PrintsTheResponseAndReportsFailures) {
     EXPECT_EQ(notJSON.status, 1);
     EXPECT_NE(notJSON.err.find("zul fetch: the body is not JSON: "), std::string::npos) << notJSON.err;
 
-    const ToolRun slow = fetch({"--timeout", "1", server.url("/slow")});
-    EXPECT_EQ(slow.status, 1);
-    EXPECT_EQ(slow.err, "zul fetch: request failed: requestTimeOut\n");
-
-    const ToolRun refused = fetch({"http://127.0.0.1:" + std::to_string(zul::test::unusedLoopbackPort()) + "/"});
-    EXPECT_EQ(refused.status, 1);
-    EXPECT_EQ(refused.err, "zul fetch: request failed: cancelled\n");
-    EXPECT_TRUE(refused.out.empty());
+    EXPECT_EQ(fetch({"--timeout", "1", server.url("/slow")}),
+              (ToolRun{1, "", "zul fetch: request failed: requestTimeOut\n"}));
+    EXPECT_EQ(fetch({"http://127.0.0.1:" + std::to_string(zul::test::unusedLoopbackPort()) + "/"}),
+              (ToolRun{1, "", "zul fetch: request failed: cancelled\n"}));
 }
 
 TEST(ZulFetchTest, RefusesBadArguments) {
     EXPECT_EQ(fetch({}).status, 2);
     EXPECT_EQ(fetch({"-H", "no colon", "http://127.0.0.1/"}).status, 2);
     EXPECT_EQ(fetch({"--timeout", "soon", "http://127.0.0.1/"}).status, 2);
-    const ToolRun badURL = fetch({"not a url"});
-    EXPECT_EQ(badURL.status, 2);
-    EXPECT_EQ(badURL.err, "zul fetch: 'not a url' is not a URL\n");
-    const ToolRun missing = fetch({"--post", "/nonexistent/body", "http://127.0.0.1/"});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.err, "zul fetch: cannot read '/nonexistent/body': No such file or directory\n");
+    EXPECT_EQ(fetch({"not a url"}), (ToolRun{2, "", "zul fetch: 'not a url' is not a URL\n"}));
+    EXPECT_EQ(fetch({"--post", "/nonexistent/body", "http://127.0.0.1/"}),
+              (ToolRun{1, "", "zul fetch: cannot read '/nonexistent/body': No such file or directory\n"}));
 }
 
 }  // namespace
