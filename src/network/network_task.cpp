@@ -47,11 +47,13 @@ std::shared_ptr<URLSessionTask> NetworkTask::task() const {
 void NetworkTask::setTask(std::shared_ptr<URLSessionTask> task) {
     std::lock_guard lock(mutex_);
     task_ = std::move(task);
+    transfer_.store(task_.get(), std::memory_order_release);
 }
 
-bool NetworkTask::owns(const URLSessionTask& candidate) const {
+std::shared_ptr<URLSessionTask> NetworkTask::takeTask() {
     std::lock_guard lock(mutex_);
-    return task_.get() == &candidate;
+    transfer_.store(nullptr, std::memory_order_release);
+    return std::exchange(task_, nullptr);
 }
 
 std::optional<Data> NetworkTask::data() const {
@@ -118,12 +120,7 @@ NetworkTask::TaskResult NetworkTask::convertResponseToResult(const std::shared_p
 
 void NetworkTask::handleCompletion(const std::optional<URLError>& error) {
     // 1. Already cancelled: the transfer was taken away before it reported.
-    std::shared_ptr<URLSessionTask> transfer;
-    {
-        std::lock_guard lock(mutex_);
-        transfer = std::move(task_);
-        task_.reset();
-    }
+    const std::shared_ptr<URLSessionTask> transfer = takeTask();
     if (!transfer) {
         completion_(*this, TaskResult::failure(NetworkTaskError::cancelled()));
         return;
@@ -148,9 +145,17 @@ void NetworkTask::handleCompletion(const std::optional<URLError>& error) {
     // 4. An HTTP response, whatever its status.
     if (std::shared_ptr<const HTTPURLResponse> response = transfer->response()) {
         const std::int64_t statusCode = response->statusCode();
-        std::optional<Data> body = data();
+        std::optional<Data> body;
+        URLRequest sent;
+        {
+            // The body is the response's now; the request stays, for a replay after a delay.
+            std::lock_guard lock(mutex_);
+            body = std::move(data_);
+            data_.reset();
+            sent = request_;
+        }
         completion_(*this, TaskResult::success(Response{statusCode, body ? std::move(*body) : Data(),
-                                                        std::move(response), request()}));
+                                                        std::move(response), std::move(sent)}));
         return;
     }
     // 5. A transfer that ended without an HTTP response is taken for being offline.
@@ -165,13 +170,7 @@ void NetworkTask::resume() {
 }
 
 void NetworkTask::cancel() {
-    std::shared_ptr<URLSessionTask> transfer;
-    {
-        std::lock_guard lock(mutex_);
-        transfer = std::move(task_);
-        task_.reset();
-    }
-    if (transfer) transfer->cancel();
+    if (const std::shared_ptr<URLSessionTask> transfer = takeTask()) transfer->cancel();
 }
 
 }  // namespace zul

@@ -330,10 +330,9 @@ void NetworkRouter::park(std::shared_ptr<NetworkTask> task, StubBehavior behavio
 void NetworkRouter::taskFinished(NetworkTask& finished, NetworkTask::TaskResult result, StubBehavior behavior,
                                  const SharedCompletion& completion) {
     std::shared_ptr<NetworkTask> task = finished.shared_from_this();
+    // Tokens are unique to their task, so the task itself is what to look for.
     synced(this, [&] {
-        std::erase_if(requests_, [&](const std::shared_ptr<NetworkTask>& candidate) {
-            return candidate->token() == task->token();
-        });
+        std::erase_if(requests_, [&](const std::shared_ptr<NetworkTask>& candidate) { return candidate == task; });
     });
     postprocessResult(task, std::move(result), behavior, completion);
 }

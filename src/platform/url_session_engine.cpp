@@ -53,6 +53,7 @@ URLSession::Engine::Engine(URLSessionConfiguration configuration_, std::weak_ptr
     if (!serial->isSerial()) serial = DispatchQueue::create("dev.zul.urlsession.delegate", serial->qos(), serial);
     channel_ = std::make_shared<DelegateChannel>(std::move(serial), delegate);
 
+    readProxyEnvironment();
     maxActive_ = std::max<std::size_t>(1, configuration.maximumConnections);
     maxPerHost_ = std::clamp<std::size_t>(configuration.httpMaximumConnectionsPerHost, 1, maxActive_);
     multi_ = curl_multi_init();

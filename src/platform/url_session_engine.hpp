@@ -27,6 +27,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/header_fields.hpp"
 #include "zul/platform/url_session.hpp"
 
 namespace zul {
@@ -39,11 +40,6 @@ URLError urlErrorFromCurl(CURLcode code, long osErrno, std::string_view message)
 /// The idle time-out of a request: its own interval, or `configured` when that is not positive,
 /// in whole seconds (2.5 counts as 2), and never under one second.
 std::chrono::seconds idleTimeout(double requestInterval, double configured) noexcept;
-
-/// The fields of a response head given as lines ended by '\n' (an obsolete folded line, which
-/// starts with a space or a tab, continues the field before it; lines without a name are
-/// ignored).
-HTTPHeaders parseHeaderFields(std::string_view lines);
 
 /// Whether `status` is a redirect the session follows when it carries a Location.
 constexpr bool isRedirectStatus(std::int64_t status) noexcept {
@@ -81,6 +77,7 @@ struct TransferSlot {
     DispatchTime lastActivity;             // when bytes last moved
     curl_off_t uploaded = 0;               // request bytes sent, at the last idle check
     bool mayMultiplex = false;             // over TLS, where HTTP/2 may carry it
+    const std::string* proxy = nullptr;    // the proxy option set on the handle, if any
     std::chrono::seconds idleTimeout{60};
     char errorText[CURL_ERROR_SIZE] = {};
 };
@@ -104,7 +101,7 @@ public:
     // The last complete response head, as the transfer thread read it. It becomes an
     // HTTPURLResponse only when somebody asks (`responseLocked`), on the asking thread: the
     // transfer thread, which every transfer passes through, only copies bytes.
-    std::string publishedHead;          // field lines, each ended by '\n'
+    std::string publishedHead;          // field lines as received, each ended by "\r\n" or '\n'
     std::int64_t publishedStatus = 0;
     bool headPublished = false;
     std::shared_ptr<const HTTPURLResponse> response;  // made from the published head
@@ -131,7 +128,7 @@ public:
     bool queuedForDelivery = false; // listed in Engine::received_ this round
     // The response head being read.
     std::int64_t status = 0;
-    std::string head;               // its field lines, each ended by '\n'
+    std::string head;               // its field lines as received
     bool headHasLocation = false;
     bool headersComplete = false;
     bool holdingRedirect = false;   // a 3xx with a Location: its body is not delivered yet
@@ -246,6 +243,7 @@ private:
     void maybeBecomeInvalid();
 
     // url_session_transfer.cpp
+    void readProxyEnvironment();
     TransferSlot& acquireSlot();
     void setSharedOptions(TransferSlot& slot);
     void releaseSlot(TransferSlot& slot);
@@ -286,6 +284,11 @@ private:
     DispatchTime now_;
     DispatchTime nextIdleCheck_ = DispatchTime::max();
     std::string headerLine_;  // reused to build "Name: value" lines
+    // Proxies by scheme, read from the environment once instead of by libcurl on every transfer
+    // ("" = none). Unused when the configuration names a proxy.
+    std::string httpProxy_;
+    std::string httpsProxy_;
+    std::string noProxy_;
 };
 
 }  // namespace zul

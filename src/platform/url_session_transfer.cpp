@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
+#include <initializer_list>
 #include <limits>
 
 #include "platform/ascii.hpp"
@@ -13,14 +15,6 @@ namespace zul {
 namespace {
 
 constexpr std::size_t notActive = std::numeric_limits<std::size_t>::max();
-
-std::string_view trimmed(std::string_view text) noexcept {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' || text.back() == '\n')) {
-        text.remove_suffix(1);
-    }
-    return text;
-}
 
 long milliseconds(double seconds) noexcept {
     constexpr double longest = static_cast<double>(std::numeric_limits<long>::max() / 2);
@@ -43,7 +37,31 @@ curl_slist* appendHeader(curl_slist* list, std::string& line, std::string_view n
     return appended;
 }
 
+// The first of `names` that is set (an empty value counts: it says "none"), or null.
+const char* firstSetVariable(std::initializer_list<const char*> names) {
+    for (const char* name : names) {
+        if (const char* value = std::getenv(name)) return value;
+    }
+    return nullptr;
+}
+
 }  // namespace
+
+// ---- Proxies from the environment.
+
+// libcurl's own rules, read once: "<scheme>_proxy" (for http only the lower-case name, which a
+// CGI program's request headers cannot set), then "all_proxy"; "no_proxy" names the hosts
+// reached directly. libcurl would otherwise read them on every transfer.
+void URLSession::Engine::readProxyEnvironment() {
+    if (configuration.proxy) return;
+    const auto orAll = [](const char* value) { return value != nullptr ? value : firstSetVariable({"all_proxy", "ALL_PROXY"}); };
+    const char* http = orAll(firstSetVariable({"http_proxy"}));
+    const char* https = orAll(firstSetVariable({"https_proxy", "HTTPS_PROXY"}));
+    const char* direct = firstSetVariable({"no_proxy", "NO_PROXY"});
+    httpProxy_ = http != nullptr ? http : "";
+    httpsProxy_ = https != nullptr ? https : "";
+    noProxy_ = direct != nullptr ? direct : "";
+}
 
 // ---- Slots.
 
@@ -94,7 +112,11 @@ void URLSession::Engine::setSharedOptions(TransferSlot& slot) {
             curl_easy_setopt(easy, CURLOPT_CAPATH, systemPath);
         }
     }
-    if (configuration.proxy) curl_easy_setopt(easy, CURLOPT_PROXY, configuration.proxy->c_str());
+    if (configuration.proxy) {
+        curl_easy_setopt(easy, CURLOPT_PROXY, configuration.proxy->c_str());
+    } else {
+        curl_easy_setopt(easy, CURLOPT_NOPROXY, noProxy_.c_str());
+    }
     curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, std::max(1L, static_cast<long>(configuration.connectionIdleTimeout)));
 }
 
@@ -142,6 +164,14 @@ std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSes
     // Over TLS, wait for a connection that may turn out to multiplex instead of opening another.
     slot.mayMultiplex = https;
     curl_easy_setopt(easy, CURLOPT_PIPEWAIT, https ? 1L : 0L);
+    if (!configuration.proxy) {
+        // "" tells libcurl there is none, so that it does not look in the environment itself.
+        const std::string& proxy = https ? httpsProxy_ : httpProxy_;
+        if (slot.proxy != &proxy) {
+            curl_easy_setopt(easy, CURLOPT_PROXY, proxy.c_str());
+            slot.proxy = &proxy;
+        }
+    }
 
     // Time-outs: the idle one is the engine's own (checkIdle), libcurl's connect time-out is
     // lifted to match it, and the resource time-out bounds what is left of the whole task.
@@ -217,6 +247,9 @@ std::size_t URLSession::Engine::onHeader(char* buffer, std::size_t size, std::si
             std::from_chars(code.data(), code.data() + code.size(), state.status);
         }
         state.head.clear();
+        // Room for a typical head at once, rather than growing it line by line.
+        constexpr std::size_t typicalHead = 512;
+        state.head.reserve(typicalHead);
         state.headHasLocation = false;
         state.headersComplete = false;
         return length;
@@ -234,18 +267,22 @@ std::size_t URLSession::Engine::onHeader(char* buffer, std::size_t size, std::si
         return length;
     }
     constexpr std::string_view location = "location:";
-    if (line.size() >= location.size() && detail::equalsIgnoringASCIICase(line.substr(0, location.size()), location)) {
+    if ((line.front() | 0x20) == 'l' && line.size() >= location.size() &&
+        detail::equalsIgnoringASCIICase(line.substr(0, location.size()), location)) {
         state.headHasLocation = true;
     }
-    state.head.append(line);
-    state.head += '\n';
+    // Kept as it came, line end and all: the parser trims it, and this runs for every line of
+    // every response.
+    state.head.append(buffer, length);
+    if (buffer[length - 1] != '\n') state.head += '\n';
     return length;
 }
 
 std::shared_ptr<const HTTPURLResponse> URLSessionTask::State::responseLocked() {
     if (!response && headPublished) {
-        response = std::make_shared<const HTTPURLResponse>(currentRequest.url(), publishedStatus,
-                                                           detail::parseHeaderFields(publishedHead));
+        // The head is only needed again when another one replaces it.
+        response = std::make_shared<const HTTPURLResponse>(
+            HTTPURLResponse::fromHeadLines(currentRequest.url(), publishedStatus, std::move(publishedHead)));
     }
     return response;
 }
@@ -275,39 +312,13 @@ std::size_t URLSession::Engine::onBody(char* buffer, std::size_t size, std::size
 
 namespace detail {
 
-HTTPHeaders parseHeaderFields(std::string_view lines) {
-    HTTPHeaders fields;
-    std::string_view lastName;
-    while (!lines.empty()) {
-        const std::size_t end = lines.find('\n');
-        const std::string_view line = lines.substr(0, end);
-        lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
-        if (line.empty()) continue;
-        if (line.front() == ' ' || line.front() == '\t') {
-            // An obsolete folded line continues the previous field.
-            if (!lastName.empty()) {
-                std::string value = fields.value(lastName).value_or(std::string());
-                value += ' ';
-                value += trimmed(line);
-                fields.setValue(std::move(value), lastName);
-            }
-            continue;
-        }
-        const std::size_t colon = line.find(':');
-        if (colon == std::string_view::npos || colon == 0) continue;  // not a field: ignored
-        lastName = line.substr(0, colon);
-        fields.addValue(trimmed(line.substr(colon + 1)), lastName);
-    }
-    return fields;
-}
-
 std::optional<URLRequest> redirectedRequest(const URLRequest& current, std::int64_t status, std::string_view location) {
     if (!current.url()) return std::nullopt;
     CURLU* handle = curl_url();
     if (handle == nullptr) return std::nullopt;
     std::optional<URL> target;
     const std::string base = current.url()->absoluteString();
-    const std::string reference(trimmed(location));
+    const std::string reference(trimmedFieldText(location));
     constexpr unsigned flags = CURLU_NON_SUPPORT_SCHEME;
     if (curl_url_set(handle, CURLUPART_URL, base.c_str(), flags) == CURLUE_OK &&
         curl_url_set(handle, CURLUPART_URL, reference.c_str(), flags) == CURLUE_OK) {

@@ -338,7 +338,7 @@ TEST(URLErrorTest, IdleTimeOutCountsWholeSecondsAndFallsBackToTheConfiguration) 
 
 TEST(URLErrorTest, ResponseHeadsParseFieldsFoldedLinesAndRepeats) {
     const zul::HTTPHeaders fields = zul::detail::parseHeaderFields(
-        "Content-Type:  text/plain \nX-Long: first\n \tsecond part\nSet-Cookie: a=1\nset-cookie: b=2\n"
+        "Content-Type:  text/plain \r\nX-Long: first\r\n \tsecond part\r\nSet-Cookie: a=1\nset-cookie: b=2\n"
         "no colon here\n: nameless\nX-Empty:\n");
     EXPECT_EQ(fields.value("content-type"), "text/plain");
     EXPECT_EQ(fields.value("X-Long"), "first second part");
@@ -640,31 +640,69 @@ TEST(URLSessionTest, TransportFailuresCarryThePlatformCodes) {
     EXPECT_EQ(empty.error->code(), URLError::badServerResponse);
 }
 
-TEST(URLSessionTest, AConfiguredProxyCarriesTheRequest) {
-    std::mutex mutex;  // the proxy's thread writes the head; the socket is no fence a race checker sees
-    std::string head;
-    BareServer proxy([&](int client) {
+// A proxy that answers one request with "proxied" and keeps the head it was sent.
+class RecordingProxy {
+public:
+    std::string origin() const { return server_.origin(); }
+    std::string head() {
+        const std::lock_guard lock(mutex_);
+        return head_;
+    }
+
+private:
+    std::mutex mutex_;  // the proxy's thread writes the head; the socket is no fence a race checker sees
+    std::string head_;
+    BareServer server_{[this](int client) {
         std::string received = readHead(client);
         {
-            const std::lock_guard lock(mutex);
-            head = std::move(received);
+            const std::lock_guard lock(mutex_);
+            head_ = std::move(received);
         }
         const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 7\r\nConnection: close\r\n\r\nproxied";
         (void)::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
-    });
-    URLSessionConfiguration configuration;
-    configuration.proxy = proxy.origin();
-    auto session = URLSession::create(configuration);
-    Handed handed;
-    handed.start(*session, requestFor("http://origin.invalid/path?q=1"));
-    ASSERT_TRUE(handed.wait());
-    EXPECT_FALSE(handed.error) << handed.error->description();
-    EXPECT_EQ(handed.data, zul::dataFromString("proxied"));
-    // The proxy was asked for the absolute URL, on behalf of the origin (whose name does not
-    // even resolve).
-    const std::lock_guard lock(mutex);
-    EXPECT_EQ(head.substr(0, head.find("\r\n")), "GET http://origin.invalid/path?q=1 HTTP/1.1");
-    EXPECT_NE(head.find("Host: origin.invalid"), std::string::npos) << head;
+    }};
+};
+
+TEST(URLSessionTest, ProxiesComeFromTheConfigurationOrFromTheEnvironmentAsTheSessionIsMade) {
+    {
+        RecordingProxy proxy;
+        URLSessionConfiguration configuration;
+        configuration.proxy = proxy.origin();
+        auto session = URLSession::create(configuration);
+        Handed handed;
+        handed.start(*session, requestFor("http://origin.invalid/path?q=1"));
+        ASSERT_TRUE(handed.wait());
+        EXPECT_FALSE(handed.error) << handed.error->description();
+        EXPECT_EQ(handed.data, zul::dataFromString("proxied"));
+        // The proxy was asked for the absolute URL, on behalf of the origin (whose name does not
+        // even resolve).
+        const std::string head = proxy.head();
+        EXPECT_EQ(head.substr(0, head.find("\r\n")), "GET http://origin.invalid/path?q=1 HTTP/1.1");
+        EXPECT_NE(head.find("Host: origin.invalid"), std::string::npos) << head;
+    }
+    {
+        RecordingProxy proxy;
+        BareServer direct([](int client) {
+            readHead(client);
+            const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 6\r\nConnection: close\r\n\r\ndirect";
+            (void)::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+        });
+        ::setenv("http_proxy", proxy.origin().c_str(), 1);
+        ::setenv("no_proxy", "127.0.0.1", 1);
+        auto session = URLSession::create(URLSessionConfiguration{});
+        ::unsetenv("http_proxy");  // too late: the session has read them
+        ::unsetenv("no_proxy");
+        Handed viaProxy;
+        Handed directly;
+        viaProxy.start(*session, requestFor("http://origin.invalid/env"));
+        directly.start(*session, requestFor(direct.origin() + "/"));
+        ASSERT_TRUE(viaProxy.wait());
+        ASSERT_TRUE(directly.wait());
+        EXPECT_EQ(viaProxy.data, zul::dataFromString("proxied"));
+        EXPECT_EQ(directly.data, zul::dataFromString("direct"));  // no_proxy names it
+        const std::string head = proxy.head();
+        EXPECT_EQ(head.substr(0, head.find("\r\n")), "GET http://origin.invalid/env HTTP/1.1");
+    }
 }
 
 TEST(URLSessionTest, TLSIsVerifiedUnlessSwitchedOffAndTrustsTheConfiguredAuthority) {

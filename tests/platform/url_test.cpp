@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -185,6 +187,59 @@ TEST(URLRequestTest, DefaultsAndHeaderFields) {
     zul::URLRequest same(url("https://h/v1"));
     same.setValue("application/json,text/plain", "content-TYPE");
     EXPECT_EQ(request, same);
+}
+
+TEST(URLRequestTest, CopiesAreIndependentWhicheverOfThemChanges) {
+    zul::URLRequest original(url("https://h/v1"));
+    original.setValue("1", "X-Id");
+    original.setHTTPBody(zul::dataFromString("body"));
+    const std::vector<std::pair<const char*, std::function<void(zul::URLRequest&)>>> changes = {
+        {"url", [](zul::URLRequest& r) { r.setURL(url("https://h/v2")); }},
+        {"method", [](zul::URLRequest& r) { r.setHTTPMethod("POST"); }},
+        {"set", [](zul::URLRequest& r) { r.setValue("2", "X-Id"); }},
+        {"add", [](zul::URLRequest& r) { r.addValue("2", "x-id"); }},
+        {"body", [](zul::URLRequest& r) { r.setHTTPBody(std::nullopt); }},
+        {"timeout", [](zul::URLRequest& r) { r.setTimeoutInterval(5); }},
+        {"cache", [](zul::URLRequest& r) { r.setCachePolicy(zul::URLRequestCachePolicy::returnCacheDataDontLoad); }},
+    };
+    const zul::URLRequest before = original;
+    for (const auto& [name, change] : changes) {
+        zul::URLRequest copy = original;
+        change(copy);
+        EXPECT_NE(copy, original) << name;
+        EXPECT_EQ(original, before) << name;
+        EXPECT_EQ(original.value("X-Id"), "1") << name;
+        // The other way round: the original changes, the copy keeps what it had.
+        zul::URLRequest kept = original;
+        zul::URLRequest changed = original;
+        change(changed);
+        EXPECT_EQ(kept, before) << name;
+    }
+
+    // A request made with the defaults, copied and changed, and one moved from.
+    zul::URLRequest blank;
+    zul::URLRequest filled = blank;
+    filled.setURL(url("https://h/"));
+    EXPECT_FALSE(blank.url().has_value());
+    EXPECT_EQ(blank, zul::URLRequest());
+    zul::URLRequest moved = std::move(filled);
+    EXPECT_EQ(moved.url(), url("https://h/"));
+
+    // Copies changed on several threads at once, each its own (a race checker watches this).
+    std::vector<std::thread> threads;
+    std::vector<zul::URLRequest> results(4);
+    for (std::size_t i = 0; i < results.size(); ++i) {
+        threads.emplace_back([&original, &results, i] {
+            for (int round = 0; round < 200; ++round) {
+                zul::URLRequest copy = original;
+                copy.setValue(std::to_string(i), "X-Thread");
+                results[i] = std::move(copy);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    for (std::size_t i = 0; i < results.size(); ++i) EXPECT_EQ(results[i].value("X-Thread"), std::to_string(i));
+    EXPECT_EQ(original, before);
 }
 
 }  // namespace

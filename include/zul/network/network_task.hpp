@@ -6,6 +6,7 @@
 /// a `Cancellable`.
 
 #include <cstddef>
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -74,8 +75,11 @@ public:
     /// The session's transfer; null for stubs and once completed or cancelled.
     std::shared_ptr<URLSessionTask> task() const;
     void setTask(std::shared_ptr<URLSessionTask> task);
-    /// Whether `candidate` is this task's transfer.
-    bool owns(const URLSessionTask& candidate) const;
+    /// Whether `candidate` is this task's transfer. Takes no lock: the session's delegate asks
+    /// it of every running task to find the one a callback is for.
+    bool owns(const URLSessionTask& candidate) const noexcept {
+        return transfer_.load(std::memory_order_acquire) == &candidate;
+    }
 
     /// The body received so far.
     std::optional<Data> data() const;
@@ -118,6 +122,8 @@ public:
 private:
     /// Answers from `data` after `delay` seconds (at once when not positive).
     void perform(std::optional<Data> data, double delay);
+    /// Takes the transfer away (null when there was none).
+    std::shared_ptr<URLSessionTask> takeTask();
 
     const std::shared_ptr<const ServiceType> service_;
     Completion completion_;
@@ -128,6 +134,7 @@ private:
     mutable std::mutex mutex_;
     URLRequest request_;
     std::shared_ptr<URLSessionTask> task_;
+    std::atomic<const URLSessionTask*> transfer_{nullptr};  // task_.get(), readable without the lock
     std::optional<Data> data_;
 };
 

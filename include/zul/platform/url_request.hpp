@@ -8,6 +8,8 @@
 ///     request.addValue("gzip", "Accept-Encoding");             // add: appends with ","
 ///     request.setHTTPBody(zul::dataFromString("{}"));
 
+#include <atomic>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -61,6 +63,8 @@ enum class URLRequestCachePolicy {
     reloadRevalidatingCacheData = 5,
 };
 
+/// A request is a value: copies are independent. They share their fields until one of them
+/// changes, so handing a request from one stage to the next costs no allocation.
 class URLRequest {
 public:
     /// The time-out of a request made without one: 60 seconds.
@@ -68,40 +72,65 @@ public:
 
     explicit URLRequest(std::optional<URL> url = std::nullopt,
                         URLRequestCachePolicy cachePolicy = URLRequestCachePolicy::useProtocolCachePolicy,
-                        double timeoutInterval = defaultTimeoutInterval)
-        : url_(std::move(url)), cachePolicy_(cachePolicy), timeoutInterval_(timeoutInterval) {}
+                        double timeoutInterval = defaultTimeoutInterval);
+    URLRequest(const URLRequest& other) noexcept;
+    URLRequest(URLRequest&& other) noexcept : fields_(std::exchange(other.fields_, nullptr)) {}
+    URLRequest& operator=(const URLRequest& other) noexcept;
+    URLRequest& operator=(URLRequest&& other) noexcept;
+    ~URLRequest();
 
-    const std::optional<URL>& url() const noexcept { return url_; }
-    void setURL(std::optional<URL> url) { url_ = std::move(url); }
+    const std::optional<URL>& url() const noexcept { return fields().url; }
+    void setURL(std::optional<URL> url) { edit().url = std::move(url); }
 
     /// "GET" unless set.
-    const std::string& httpMethod() const noexcept { return httpMethod_; }
-    void setHTTPMethod(std::string method) { httpMethod_ = std::move(method); }
+    const std::string& httpMethod() const noexcept { return fields().httpMethod; }
+    void setHTTPMethod(std::string method) { edit().httpMethod = std::move(method); }
 
-    const HTTPHeaders& allHTTPHeaderFields() const noexcept { return headers_; }
-    std::optional<std::string> value(std::string_view field) const { return headers_.value(field); }
-    void setValue(std::optional<std::string> value, std::string_view field) { headers_.setValue(std::move(value), field); }
-    void addValue(std::string_view value, std::string_view field) { headers_.addValue(value, field); }
+    const HTTPHeaders& allHTTPHeaderFields() const noexcept { return fields().headers; }
+    std::optional<std::string> value(std::string_view field) const { return fields().headers.value(field); }
+    void setValue(std::optional<std::string> value, std::string_view field) { edit().headers.setValue(std::move(value), field); }
+    void addValue(std::string_view value, std::string_view field) { edit().headers.addValue(value, field); }
 
-    const std::optional<Data>& httpBody() const noexcept { return httpBody_; }
-    void setHTTPBody(std::optional<Data> body) { httpBody_ = std::move(body); }
+    const std::optional<Data>& httpBody() const noexcept { return fields().httpBody; }
+    void setHTTPBody(std::optional<Data> body) { edit().httpBody = std::move(body); }
 
     /// Seconds the transfer may stay idle before it fails (whole seconds count).
-    double timeoutInterval() const noexcept { return timeoutInterval_; }
-    void setTimeoutInterval(double seconds) noexcept { timeoutInterval_ = seconds; }
+    double timeoutInterval() const noexcept { return fields().timeoutInterval; }
+    void setTimeoutInterval(double seconds) { edit().timeoutInterval = seconds; }
 
-    URLRequestCachePolicy cachePolicy() const noexcept { return cachePolicy_; }
-    void setCachePolicy(URLRequestCachePolicy policy) noexcept { cachePolicy_ = policy; }
+    URLRequestCachePolicy cachePolicy() const noexcept { return fields().cachePolicy; }
+    void setCachePolicy(URLRequestCachePolicy policy) { edit().cachePolicy = policy; }
 
-    friend bool operator==(const URLRequest&, const URLRequest&) = default;
+    friend bool operator==(const URLRequest& a, const URLRequest& b);
 
 private:
-    std::optional<URL> url_;
-    std::string httpMethod_ = "GET";
-    HTTPHeaders headers_;
-    std::optional<Data> httpBody_;
-    URLRequestCachePolicy cachePolicy_;
-    double timeoutInterval_;
+    // What a request holds, shared by copies until one of them changes.
+    struct Fields {
+        std::optional<URL> url;
+        std::string httpMethod = "GET";
+        HTTPHeaders headers;
+        std::optional<Data> httpBody;
+        URLRequestCachePolicy cachePolicy = URLRequestCachePolicy::useProtocolCachePolicy;
+        double timeoutInterval = defaultTimeoutInterval;
+        std::atomic<std::size_t> references{1};
+
+        Fields() = default;
+        Fields(const Fields& other)
+            : url(other.url),
+              httpMethod(other.httpMethod),
+              headers(other.headers),
+              httpBody(other.httpBody),
+              cachePolicy(other.cachePolicy),
+              timeoutInterval(other.timeoutInterval) {}
+        Fields& operator=(const Fields&) = delete;
+
+        static const Fields& defaults() noexcept;
+    };
+
+    const Fields& fields() const noexcept { return fields_ != nullptr ? *fields_ : Fields::defaults(); }
+    Fields& edit();  // this request's own fields, copied first when they are shared
+
+    Fields* fields_ = nullptr;  // null: the fields of URLRequest()
 };
 
 }  // namespace zul

@@ -149,8 +149,8 @@ struct URLSessionConfiguration {
     /// Headers sent with every request unless the request sets the same field.
     HTTPHeaders httpAdditionalHeaders;
     /// Proxy for every request, for example "http://proxy.local:3128". Absent: the standard
-    /// environment variables (`http_proxy`, `https_proxy`, `all_proxy`, `no_proxy`) decide.
-    /// Empty: no proxy, whatever the environment says.
+    /// environment variables (`http_proxy`, `https_proxy`, `all_proxy`, `no_proxy`) decide, as
+    /// they stand when the session is created. Empty: no proxy, whatever the environment says.
     std::optional<std::string> proxy;
     /// Verify the server's TLS certificate and host name (keep this on outside tests).
     bool tlsVerifyPeer = true;
