@@ -3,8 +3,8 @@
 //
 // Each round of the loop takes the queued commands, puts waiting tasks on the wire while there
 // is room, lets libcurl move bytes (`curl_multi_perform`), collects finished transfers, fails
-// idle ones, and posts everything it produced for the delegate as one batch; then it sleeps in
-// `curl_multi_poll` until a socket, a libcurl timer, an idle deadline or `curl_multi_wakeup`
+// timed-out ones, and posts everything it produced for the delegate as one batch; then it sleeps in
+// `curl_multi_poll` until a socket, a libcurl timer, a time-out deadline or `curl_multi_wakeup`
 // (a new command) needs it.
 
 #include <algorithm>
@@ -280,7 +280,7 @@ void URLSession::Engine::begin(std::shared_ptr<URLSessionTask> task, URLSessionT
     slot.activeIndex = active_.size();
     active_.push_back(&slot);
     if (slot.mayMultiplex) ++multiplexCandidates_;
-    nextIdleCheck_ = std::min(nextIdleCheck_, slot.lastActivity + slot.idleTimeout);
+    nextIdleCheck_ = std::min({nextIdleCheck_, slot.lastActivity + slot.idleTimeout, slot.resourceDeadline});
     curl_multi_add_handle(multi_, slot.easy);
 }
 
@@ -288,7 +288,7 @@ void URLSession::Engine::finished(TransferSlot& slot, CURLcode code) {
     URLSessionTask::State& state = *slot.state;
     std::shared_ptr<URLSessionTask> task = std::move(slot.task);
     std::optional<URLError> error;
-    if (state.host != nullptr && !state.host->multiplexed) {
+    if (slot.mayMultiplex && state.host != nullptr && !state.host->multiplexed) {
         long version = 0;
         curl_easy_getinfo(slot.easy, CURLINFO_HTTP_VERSION, &version);
         if (version >= CURL_HTTP_VERSION_2_0) state.host->multiplexed = true;
@@ -429,13 +429,20 @@ void URLSession::Engine::complete(std::shared_ptr<URLSessionTask> task, URLSessi
     batch_.push_back(std::move(event));
 }
 
-// The idle time-out: a transfer fails when no bytes have moved for its whole interval. Bytes
-// received are noted by the callbacks; bytes sent are read from libcurl here, only for
-// transfers that look idle.
+// The time-outs: a transfer fails when the resource time-out has passed since its task began,
+// or when no bytes have moved for its whole idle interval. Bytes received are noted by the
+// callbacks; bytes sent are read from libcurl here, only for transfers that look idle.
 void URLSession::Engine::checkIdle() {
     nextIdleCheck_ = DispatchTime::max();
     for (std::size_t i = 0; i < active_.size();) {
         TransferSlot& slot = *active_[i];
+        if (now_ >= slot.resourceDeadline) {
+            URLSessionTask::State& state = *slot.state;
+            std::shared_ptr<URLSessionTask> task = std::move(slot.task);
+            releaseSlot(slot);  // moves the last active slot into position i
+            complete(std::move(task), state, URLError(URLError::timedOut, "the resource time-out has passed"));
+            continue;
+        }
         if (now_ - slot.lastActivity >= slot.idleTimeout) {
             curl_off_t uploaded = 0;
             curl_easy_getinfo(slot.easy, CURLINFO_SIZE_UPLOAD_T, &uploaded);
@@ -452,7 +459,7 @@ void URLSession::Engine::checkIdle() {
                 continue;
             }
         }
-        nextIdleCheck_ = std::min(nextIdleCheck_, slot.lastActivity + slot.idleTimeout);
+        nextIdleCheck_ = std::min({nextIdleCheck_, slot.lastActivity + slot.idleTimeout, slot.resourceDeadline});
         ++i;
     }
 }

@@ -68,8 +68,18 @@ struct HostLine {
 /// them for the next transfer: the options every transfer shares are set once, the others by
 /// each transfer.
 struct TransferSlot {
+    TransferSlot() = default;
+    TransferSlot(const TransferSlot&) = delete;
+    TransferSlot& operator=(const TransferSlot&) = delete;
+    ~TransferSlot() { curl_slist_free_all(headers); }
+
     CURL* easy = nullptr;
+    // The header lines set on the handle, and what they were made from: the next transfer with
+    // the same fields (the usual case) sends them as they are.
     curl_slist* headers = nullptr;
+    HTTPHeaders headersFrom;
+    bool headersSet = false;
+    bool headersExpect = false;
     URLSessionTask::State* state = nullptr;
     std::shared_ptr<URLSessionTask> task;  // keeps the task alive while it is on the wire
     URLSession::Engine* engine = nullptr;
@@ -78,7 +88,10 @@ struct TransferSlot {
     curl_off_t uploaded = 0;               // request bytes sent, at the last idle check
     bool mayMultiplex = false;             // over TLS, where HTTP/2 may carry it
     const std::string* proxy = nullptr;    // the proxy option set on the handle, if any
+    bool plainGet = true;                  // the handle's method options are libcurl's defaults
+    long connectTimeoutMs = -1;            // as set on the handle
     std::chrono::seconds idleTimeout{60};
+    DispatchTime resourceDeadline;         // when the configuration's resource time-out ends it
     char errorText[CURL_ERROR_SIZE] = {};
 };
 

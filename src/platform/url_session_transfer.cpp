@@ -130,10 +130,6 @@ void URLSession::Engine::releaseSlot(TransferSlot& slot) {
         active_.pop_back();
         slot.activeIndex = notActive;
     }
-    if (slot.headers != nullptr) {
-        curl_slist_free_all(slot.headers);
-        slot.headers = nullptr;
-    }
     if (slot.state != nullptr) {
         slot.state->slot = nullptr;
         leaveHost(*slot.state);
@@ -161,9 +157,10 @@ std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSes
 
     CURL* easy = slot.easy;
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+    // Options a handle keeps from its previous transfer are set only when they change.
     // Over TLS, wait for a connection that may turn out to multiplex instead of opening another.
+    if (slot.mayMultiplex != https) curl_easy_setopt(easy, CURLOPT_PIPEWAIT, https ? 1L : 0L);
     slot.mayMultiplex = https;
-    curl_easy_setopt(easy, CURLOPT_PIPEWAIT, https ? 1L : 0L);
     if (!configuration.proxy) {
         // "" tells libcurl there is none, so that it does not look in the environment itself.
         const std::string& proxy = https ? httpsProxy_ : httpProxy_;
@@ -174,23 +171,33 @@ std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSes
     }
 
     // Time-outs: the idle one is the engine's own (checkIdle), libcurl's connect time-out is
-    // lifted to match it, and the resource time-out bounds what is left of the whole task.
+    // lifted to match it, and the resource time-out, also checked by the engine, bounds what is
+    // left of the whole task.
     slot.idleTimeout = detail::idleTimeout(request.timeoutInterval(), configuration.timeoutIntervalForRequest);
-    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS,
-                     static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(slot.idleTimeout).count()));
+    const long connectMs =
+        static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(slot.idleTimeout).count());
+    if (slot.connectTimeoutMs != connectMs) {
+        curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, connectMs);
+        slot.connectTimeoutMs = connectMs;
+    }
     const double resourceLeft = configuration.timeoutIntervalForResource -
                                 std::chrono::duration<double>(now_ - state.startedAt).count();
     if (resourceLeft <= 0) return URLError(URLError::timedOut, "the resource time-out has passed");
-    curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, std::max(1L, milliseconds(resourceLeft)));
+    slot.resourceDeadline = now_ + std::chrono::milliseconds(std::max(1L, milliseconds(resourceLeft)));
 
-    // Method and body: the request's method is sent exactly as given. First the handle forgets
-    // the previous transfer's (setting the fields makes a POST, so they go before HTTPGET).
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDS, static_cast<const void*>(nullptr));
-    curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(-1));
-    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
-    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, static_cast<const char*>(nullptr));
+    // Method and body: the request's method is sent exactly as given. A handle that last sent
+    // something other than a plain GET first forgets it (setting the fields makes a POST, so
+    // they go before HTTPGET).
     const std::string& method = request.httpMethod();
     const std::optional<Data>& body = request.httpBody();
+    const bool plainGet = method == "GET" && !body;
+    if (!plainGet || !slot.plainGet) {
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, static_cast<const void*>(nullptr));
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(-1));
+        curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+        curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, static_cast<const char*>(nullptr));
+    }
+    slot.plainGet = plainGet;
     if (method == "HEAD") {
         curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
     } else {
@@ -207,21 +214,30 @@ std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSes
     }
 
     // Headers: the request's, then the configuration's where the request has none of that name.
-    curl_slist* headers = nullptr;
-    for (const auto& [name, value] : request.allHTTPHeaderFields()) {
-        headers = appendHeader(headers, headerLine_, name, value);
+    // libcurl would hold a large body back for "100 Continue", a round trip the platform does
+    // not make.
+    const HTTPHeaders& fields = request.allHTTPHeaderFields();
+    const bool noExpect = body && !fields.contains("Expect");
+    const bool sameFields = slot.headersSet && slot.headersExpect == noExpect &&
+                            std::equal(fields.begin(), fields.end(), slot.headersFrom.begin(), slot.headersFrom.end());
+    if (!sameFields) {
+        curl_slist* headers = nullptr;
+        for (const auto& [name, value] : fields) headers = appendHeader(headers, headerLine_, name, value);
+        for (const auto& [name, value] : configuration.httpAdditionalHeaders) {
+            if (!fields.contains(name)) headers = appendHeader(headers, headerLine_, name, value);
+        }
+        if (noExpect) {
+            curl_slist* appended = curl_slist_append(headers, "Expect:");
+            if (appended == nullptr) fatalError("out of memory building request headers");
+            headers = appended;
+        }
+        curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+        curl_slist_free_all(slot.headers);
+        slot.headers = headers;
+        slot.headersFrom = fields;
+        slot.headersExpect = noExpect;
+        slot.headersSet = true;
     }
-    for (const auto& [name, value] : configuration.httpAdditionalHeaders) {
-        if (!request.allHTTPHeaderFields().contains(name)) headers = appendHeader(headers, headerLine_, name, value);
-    }
-    // libcurl would hold a large body back for "100 Continue", a round trip the platform does not make.
-    if (body && !request.allHTTPHeaderFields().contains("Expect")) {
-        curl_slist* appended = curl_slist_append(headers, "Expect:");
-        if (appended == nullptr) fatalError("out of memory building request headers");
-        headers = appended;
-    }
-    slot.headers = headers;
-    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
     return std::nullopt;
 }
 
