@@ -65,7 +65,7 @@ void HTTPHeaders::addValue(std::string_view value, std::string_view name) {
 
 // ---- URLRequest: copy on write.
 
-const URLRequest::Fields& URLRequest::Fields::defaults() noexcept {
+const URLRequest::Fields& URLRequest::defaultFields() noexcept {
     static const Fields fields;
     return fields;
 }
@@ -75,51 +75,46 @@ URLRequest::URLRequest(std::optional<URL> url, URLRequestCachePolicy cachePolicy
         timeoutInterval == defaultTimeoutInterval) {
         return;  // the defaults, shared by every such request
     }
-    fields_ = new Fields();
-    fields_->url = std::move(url);
-    fields_->cachePolicy = cachePolicy;
-    fields_->timeoutInterval = timeoutInterval;
+    shared_ = new Shared{};
+    shared_->fields.url = std::move(url);
+    shared_->fields.cachePolicy = cachePolicy;
+    shared_->fields.timeoutInterval = timeoutInterval;
 }
 
-URLRequest::URLRequest(const URLRequest& other) noexcept : fields_(other.fields_) {
-    if (fields_ != nullptr) fields_->references.fetch_add(1, std::memory_order_relaxed);
+URLRequest::URLRequest(const URLRequest& other) noexcept : shared_(other.shared_) {
+    if (shared_ != nullptr) shared_->references.fetch_add(1, std::memory_order_relaxed);
 }
 
 URLRequest& URLRequest::operator=(const URLRequest& other) noexcept {
     URLRequest copy(other);
-    std::swap(fields_, copy.fields_);
+    std::swap(shared_, copy.shared_);
     return *this;
 }
 
 URLRequest& URLRequest::operator=(URLRequest&& other) noexcept {
     URLRequest taken(std::move(other));
-    std::swap(fields_, taken.fields_);
+    std::swap(shared_, taken.shared_);
     return *this;
 }
 
 URLRequest::~URLRequest() {
     // The last owner deletes; acq_rel so that every other owner's use happens before.
-    if (fields_ != nullptr && fields_->references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete fields_;
+    if (shared_ != nullptr && shared_->references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete shared_;
 }
 
 URLRequest::Fields& URLRequest::edit() {
-    if (fields_ == nullptr) {
-        fields_ = new Fields();
-    } else if (fields_->references.load(std::memory_order_acquire) != 1) {
+    if (shared_ == nullptr) {
+        shared_ = new Shared{};
+    } else if (shared_->references.load(std::memory_order_acquire) != 1) {
         // Shared: this request gets its own copy, and the others keep theirs untouched.
-        auto* own = new Fields(*fields_);
         URLRequest previous;
-        previous.fields_ = std::exchange(fields_, own);
+        previous.shared_ = std::exchange(shared_, new Shared{shared_->fields});
     }
-    return *fields_;
+    return shared_->fields;
 }
 
 bool operator==(const URLRequest& a, const URLRequest& b) {
-    if (a.fields_ == b.fields_) return true;
-    const URLRequest::Fields& x = a.fields();
-    const URLRequest::Fields& y = b.fields();
-    return x.url == y.url && x.httpMethod == y.httpMethod && x.headers == y.headers && x.httpBody == y.httpBody &&
-           x.cachePolicy == y.cachePolicy && x.timeoutInterval == y.timeoutInterval;
+    return a.shared_ == b.shared_ || a.fields() == b.fields();
 }
 
 bool operator==(const HTTPHeaders& a, const HTTPHeaders& b) {

@@ -79,7 +79,7 @@ struct TransferSlot {
     curl_slist* headers = nullptr;
     HTTPHeaders headersFrom;
     bool headersSet = false;
-    bool headersExpect = false;
+    bool headersNoExpect = false;  // with the "Expect:" line that stops libcurl waiting
     URLSessionTask::State* state = nullptr;
     std::shared_ptr<URLSessionTask> task;  // keeps the task alive while it is on the wire
     URLSession::Engine* engine = nullptr;

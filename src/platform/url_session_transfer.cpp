@@ -218,7 +218,7 @@ std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSes
     // not make.
     const HTTPHeaders& fields = request.allHTTPHeaderFields();
     const bool noExpect = body && !fields.contains("Expect");
-    const bool sameFields = slot.headersSet && slot.headersExpect == noExpect &&
+    const bool sameFields = slot.headersSet && slot.headersNoExpect == noExpect &&
                             std::equal(fields.begin(), fields.end(), slot.headersFrom.begin(), slot.headersFrom.end());
     if (!sameFields) {
         curl_slist* headers = nullptr;
@@ -235,7 +235,7 @@ std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSes
         curl_slist_free_all(slot.headers);
         slot.headers = headers;
         slot.headersFrom = fields;
-        slot.headersExpect = noExpect;
+        slot.headersNoExpect = noExpect;
         slot.headersSet = true;
     }
     return std::nullopt;

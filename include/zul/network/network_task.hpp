@@ -5,8 +5,8 @@
 /// outcome into a `Response` or a `NetworkTaskError` for the router. Applications meet it only as
 /// a `Cancellable`.
 
-#include <cstddef>
 #include <atomic>
+#include <cstddef>
 #include <memory>
 #include <mutex>
 #include <optional>

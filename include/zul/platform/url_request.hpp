@@ -74,7 +74,7 @@ public:
                         URLRequestCachePolicy cachePolicy = URLRequestCachePolicy::useProtocolCachePolicy,
                         double timeoutInterval = defaultTimeoutInterval);
     URLRequest(const URLRequest& other) noexcept;
-    URLRequest(URLRequest&& other) noexcept : fields_(std::exchange(other.fields_, nullptr)) {}
+    URLRequest(URLRequest&& other) noexcept : shared_(std::exchange(other.shared_, nullptr)) {}
     URLRequest& operator=(const URLRequest& other) noexcept;
     URLRequest& operator=(URLRequest&& other) noexcept;
     ~URLRequest();
@@ -104,7 +104,7 @@ public:
     friend bool operator==(const URLRequest& a, const URLRequest& b);
 
 private:
-    // What a request holds, shared by copies until one of them changes.
+    // What a request holds.
     struct Fields {
         std::optional<URL> url;
         std::string httpMethod = "GET";
@@ -112,25 +112,20 @@ private:
         std::optional<Data> httpBody;
         URLRequestCachePolicy cachePolicy = URLRequestCachePolicy::useProtocolCachePolicy;
         double timeoutInterval = defaultTimeoutInterval;
+
+        friend bool operator==(const Fields&, const Fields&) = default;
+    };
+    // The fields with the count of the requests sharing them.
+    struct Shared {
+        Fields fields;
         std::atomic<std::size_t> references{1};
-
-        Fields() = default;
-        Fields(const Fields& other)
-            : url(other.url),
-              httpMethod(other.httpMethod),
-              headers(other.headers),
-              httpBody(other.httpBody),
-              cachePolicy(other.cachePolicy),
-              timeoutInterval(other.timeoutInterval) {}
-        Fields& operator=(const Fields&) = delete;
-
-        static const Fields& defaults() noexcept;
     };
 
-    const Fields& fields() const noexcept { return fields_ != nullptr ? *fields_ : Fields::defaults(); }
+    static const Fields& defaultFields() noexcept;
+    const Fields& fields() const noexcept { return shared_ != nullptr ? shared_->fields : defaultFields(); }
     Fields& edit();  // this request's own fields, copied first when they are shared
 
-    Fields* fields_ = nullptr;  // null: the fields of URLRequest()
+    Shared* shared_ = nullptr;  // null: the fields of URLRequest()
 };
 
 }  // namespace zul
