@@ -21,7 +21,6 @@ using namespace std::chrono_literals;
 using namespace std::string_view_literals;
 using zul::DecodingError;
 using zul::JSONDecoder;
-using Kind = zul::DecodingError::Kind;
 
 struct Person {
     std::string name;
@@ -60,6 +59,7 @@ struct Scaled {
         scaled.scale = std::any_cast<int>(*decoder.userInfo().get("scale"));
         return scaled;
     }
+    friend bool operator==(const Scaled&, const Scaled&) = default;
 };
 
 // Reads two elements from a list, whatever its length.
@@ -172,7 +172,7 @@ TEST(JSONDecoderIntegers, EachWidthAcceptsItsRangeOnly) {
     EXPECT_DOUBLE_EQ(huge.at("123456789012345678901234"), 1e23);
 }
 
-TEST(JSONDecoderErrors, MissingKeysAndNestedFailuresCarryTheFullPath) {
+TEST(JSONDecoderErrors, MissingKeysNestedFailuresAndContainersOfTheWrongShapeOrNullCarryTheFullPath) {
     const auto error = failure([] { JSONDecoder().decode<Catalog>(R"({"movies":[{"title":"A","cast":[{"age":3}]}]})"); });
     EXPECT_EQ(summary(error), R"(keyNotFound: No value associated with key CodingKeys(stringValue: "name", intValue: nil) ("name").)"
                               " @ CodingKeys:movies/_JSONKey:Index 0#0/CodingKeys:cast/_JSONKey:Index 0#0");
@@ -200,9 +200,8 @@ TEST(JSONDecoderErrors, MissingKeysAndNestedFailuresCarryTheFullPath) {
     EXPECT_EQ(JSONDecoder().decode<Pair>("[4,5,6]").second, 5);
     EXPECT_EQ(fails([] { JSONDecoder().decode<std::vector<Pair>>("[[1,2],[3]]"); }),
               "valueNotFound Int32: Unkeyed container is at end. @ _JSONKey:Index 1#1/_JSONKey:Index 1#1");
-}
 
-TEST(JSONDecoderErrors, ContainersOfTheWrongShapeOrNull) {
+    // Containers of the wrong shape.
     const JSONDecoder decoder;
     EXPECT_EQ(fails([&] { decoder.decode<Catalog>("[]"); }),
               "typeMismatch Dictionary<String, Any>: Expected to decode Dictionary<String, Any> but found an array instead.");
@@ -234,8 +233,7 @@ TEST(JSONDecoderErrors, ContainersOfTheWrongShapeOrNull) {
 TEST(JSONDecoderErrors, InvalidJSONIsDataCorruptedWithTheParserMessage) {
     for (const std::string json : {"{", "\"\xFF\"", "1e400", "[1] x"}) {
         const auto error = failure([&] { JSONDecoder().decode<std::vector<int>>(json); });
-        EXPECT_EQ(error.kind(), Kind::dataCorrupted) << json;
-        EXPECT_EQ(error.debugDescription(), "The given data was not valid JSON.") << json;
+        EXPECT_EQ(summary(error), "dataCorrupted: The given data was not valid JSON.") << json;
         ASSERT_TRUE(error.context().underlyingError.has_value());
         const std::string message = error.context().underlyingError->value().what();
         EXPECT_FALSE(message.empty());
@@ -306,10 +304,7 @@ TEST(JSONDecoderContainers, KeysInDocumentOrderTheFirstOfRepeatedKeysAndUserInfo
     // Hand-written records nested anywhere see the decoder's user info.
     JSONDecoder decoder;
     decoder.userInfo.insertOrAssign("scale", std::any(3));
-    const auto values = decoder.decode<std::vector<Scaled>>(R"([{"value":1},{"value":2}])");
-    ASSERT_EQ(values.size(), 2U);
-    EXPECT_EQ(values[1].value, 2);
-    EXPECT_EQ(values[1].scale, 3);
+    EXPECT_EQ(decoder.decode<std::vector<Scaled>>(R"([{"value":1},{"value":2}])"), (std::vector<Scaled>{{1, 3}, {2, 3}}));
 }
 
 TEST(JSONDecoderContainers, ListsReadInOrderAtAnyNesting) {
@@ -332,7 +327,7 @@ zul::Date utc(int year, unsigned month, unsigned day, int hour, int minute, int 
     return zul::Date(days) + std::chrono::hours(hour) + std::chrono::minutes(minute) + std::chrono::seconds(second);
 }
 
-TEST(JSONDecoderDates, NumericStrategies) {
+TEST(JSONDecoderDates, NumericStrategiesAndISO8601WithZonesButNoLooseForms) {
     JSONDecoder decoder;
     EXPECT_EQ(decoder.decode<Release>(R"({"date":-1})").date, utc(2000, 12, 31, 23, 59, 59));  // seconds since 2001
     decoder.dateDecodingStrategy = JSONDecoder::DateDecodingStrategy::secondsSince1970();
@@ -345,10 +340,8 @@ TEST(JSONDecoderDates, NumericStrategies) {
               "dataCorrupted: " + noFit("1e+16", "Date") + " @ CodingKeys:date");
     EXPECT_EQ(fails([&] { decoder.decode<Release>(R"({"date":"1551675967"})"); }),
               "typeMismatch Double: Expected to decode Double but found a string instead. @ CodingKeys:date");
-}
 
-TEST(JSONDecoderDates, ISO8601AcceptsZonesAndRejectsLooseForms) {
-    JSONDecoder decoder;
+    // ISO 8601 accepts zones in every form, and rejects loose forms.
     decoder.dateDecodingStrategy = JSONDecoder::DateDecodingStrategy::iso8601();
     const auto at = [&](const std::string& text) { return decoder.decode<zul::Date>("\"" + text + "\""); };
     for (const std::string text : {"2019-03-04T05:06:07z", "2019-03-04T08:36:07+0330", "2019-03-04T08:06:07+03",

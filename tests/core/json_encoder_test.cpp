@@ -92,11 +92,10 @@ TEST(JSONEncoderScalars, NonFiniteNumbersAreInvalidValuesAtTheirPath) {
         ZUL_CODABLE(Reading, samples)
     };
     const auto infinity = failure([] { JSONEncoder().encode(Reading{{1.0, std::numeric_limits<double>::infinity()}}); });
-    ASSERT_EQ(infinity.codingPath().size(), 2U);
-    EXPECT_EQ(infinity.codingPath()[0].stringValue, "samples");
-    EXPECT_EQ(infinity.codingPath()[1].stringValue, "Index 1");
-    EXPECT_EQ(infinity.codingPath()[1].intValue, 1);
-    EXPECT_EQ(infinity.codingPath()[1].typeName, "_JSONKey");
+    std::vector<std::string> keys;
+    for (const auto& key : infinity.codingPath()) keys.push_back(key.description());
+    EXPECT_EQ(keys, (std::vector<std::string>{R"(CodingKeys(stringValue: "samples", intValue: nil))",
+                                              R"(_JSONKey(stringValue: "Index 1", intValue: 1))"}));
 
     // "value: description", and the path is empty at the top.
     const auto top = [](auto number) {
@@ -124,7 +123,6 @@ TEST(JSONEncoderFormatting, KeyOrderSortingAndPrettyPrinting) {
     EXPECT_EQ(text(sorted, person), R"({"age":30,"name":"Ann"})");
     EXPECT_EQ(text(sorted, std::vector<zul::OrderedMap<int>>{{{"b", 1}, {"B", 2}, {"a", 3}, {"ab", 4}}}),
               R"([{"B":2,"a":3,"ab":4,"b":1}])");
-    EXPECT_EQ(text(std::vector<zul::OrderedMap<int>>{{{"b", 1}, {"B", 2}, {"a", 3}}}), R"([{"b":1,"B":2,"a":3}])");
 
     JSONEncoder pretty;
     pretty.outputFormatting.prettyPrinted = true;

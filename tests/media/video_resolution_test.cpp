@@ -24,7 +24,7 @@ VideoSizeError::Kind failureOf(std::string_view text) {
     return VideoSizeError::Kind::invalid;
 }
 
-TEST(VideoSizeTest, ParsesTheFirstTwoNonEmptyPiecesAsWidthAndHeight) {
+TEST(VideoSizeTest, ParsesTheFirstTwoNonEmptyPiecesAsWidthAndHeightAndRejectsTheRest) {
     const std::pair<std::string_view, VideoSize> cases[] = {
         {"1280x720", {1280, 720}},          {"1920x1080_hdr", {1920, 1080}}, {"0x0", {0, 0}},
         {"-0x0", {0, 0}},                   {"+640x+360", {640, 360}},       {"007x08", {7, 8}},
@@ -32,9 +32,7 @@ TEST(VideoSizeTest, ParsesTheFirstTwoNonEmptyPiecesAsWidthAndHeight) {
         {"9223372036854775807x1", {std::numeric_limits<std::int64_t>::max(), 1}},
     };
     for (const auto& [text, size] : cases) EXPECT_EQ(VideoSize::fromString(text), size) << text;
-}
 
-TEST(VideoSizeTest, RejectsTextThatIsNotTwoIntegersAndNegativeDimensions) {
     for (std::string_view text : {"", "_", "___", "abc", "1280", "1280x", "x720", "1280X720", "1280*720", "12.5x720",
                                   "1280x720p", " 1280x720", "1280 x720", "1280x 720", "+-1x2", "1x+", "1x-",
                                   "9223372036854775808x1", "1280_x720",
@@ -62,7 +60,7 @@ TEST(VideoResolutionTest, RawValuesDescriptionsAndHD) {
     EXPECT_EQ(zul::videoResolution(255), std::nullopt);
 }
 
-TEST(VideoResolutionTest, AreaLadderBoundariesAndSizesByTheirArea) {
+TEST(VideoResolutionTest, AreaAndBandwidthLadderBoundaries) {
     using enum VideoResolution;
     // Each boundary and the value just past it.
     const std::pair<std::int64_t, VideoResolution> cases[] = {
@@ -73,25 +71,18 @@ TEST(VideoResolutionTest, AreaLadderBoundariesAndSizesByTheirArea) {
     };
     for (const auto& [area, expected] : cases) EXPECT_EQ(zul::resolutionForVideoSizeArea(area), expected) << area;
 
-    EXPECT_EQ(zul::resolutionForSize({640, 360}), _360p);   // 230400
+    // A size goes by its area, width times height; the ladder itself is checked above.
     EXPECT_EQ(zul::resolutionForSize({500, 500}), _360p);   // exactly 250000
-    EXPECT_EQ(zul::resolutionForSize({854, 480}), _480p);   // 409920
-    EXPECT_EQ(zul::resolutionForSize({1280, 720}), _720p);  // 921600
-    EXPECT_EQ(zul::resolutionForSize({1920, 1080}), _1080p);
-    EXPECT_EQ(zul::resolutionForSize({2560, 1440}), _2K);
-    EXPECT_EQ(zul::resolutionForSize({3840, 2160}), _4K);
+    EXPECT_EQ(zul::resolutionForSize({501, 500}), _480p);
     EXPECT_EQ(zul::resolutionForSize({3'037'000'499, 3'037'000'499}), _4K);  // just below 2^63
-}
 
-TEST(VideoResolutionTest, BandwidthLadderBoundaries) {
-    using enum VideoResolution;
-    const std::pair<std::int64_t, VideoResolution> cases[] = {
+    const std::pair<std::int64_t, VideoResolution> bandwidths[] = {
         {0, _144p},          {500'000, _144p},    {500'001, _240p},     {1'000'000, _240p},
         {1'000'001, _360p},  {1'500'000, _360p},  {1'500'001, _480p},   {3'000'000, _480p},
         {3'000'001, _720p},  {4'800'000, _720p},  {4'800'001, _1080p},  {10'000'000, _1080p},
         {10'000'001, _4K},   {std::numeric_limits<std::int64_t>::max(), _4K},
     };
-    for (const auto& [bandwidth, expected] : cases) EXPECT_EQ(zul::resolutionForBandwidth(bandwidth), expected) << bandwidth;
+    for (const auto& [bandwidth, expected] : bandwidths) EXPECT_EQ(zul::resolutionForBandwidth(bandwidth), expected) << bandwidth;
 }
 
 TEST(VideoResolutionDeathTest, AnOverflowingAreaOrANegativeBandwidthStopsTheProcess) {

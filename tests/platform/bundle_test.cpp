@@ -48,23 +48,15 @@ TEST_F(BundleTest, ReadsTheInformationDictionaryFromInfoJson) {
     auto bundle = Bundle::create(directory_);
     EXPECT_EQ(bundle->bundlePath(), directory_);
     EXPECT_EQ(bundle->bundleIdentifier(), "tv.example.player");
-    EXPECT_EQ(bundle->object("CFBundleShortVersionString"), AnyValue("2.4.1"));
-    // Numbers keep their JSON kind: integers stay integers, a number with a point is a double.
-    ASSERT_TRUE(bundle->object("Build"));
-    EXPECT_EQ(bundle->object("Build")->kind(), AnyValue::Kind::integer);
-    EXPECT_EQ(bundle->object("Big"), AnyValue(18446744073709551615ull));
+    // Compared whole, in the file's order. Numbers keep their JSON kind (an integer never equals a
+    // double): integers stay integers, a number with a point is a double.
+    EXPECT_EQ(*bundle->infoDictionary(),
+              (AnyMap{{"CFBundleIdentifier", "tv.example.player"}, {"CFBundleShortVersionString", "2.4.1"},
+                      {"Build", 512}, {"Big", 18446744073709551615ull}, {"Ratio", 1.5}, {"Whole", 2.0},
+                      {"Debug", false}, {"Nothing", zul::Null{}},
+                      {"ZulTechSettings", AnyMap{{"Platform", "stb"}, {"Extra", AnyList{1, "a"}}}}}));
     EXPECT_EQ(bundle->object("Ratio"), AnyValue(1.5));
-    EXPECT_EQ(bundle->object("Whole")->kind(), AnyValue::Kind::double_);
-    EXPECT_EQ(bundle->object("Debug"), AnyValue(false));
-    EXPECT_EQ(bundle->object("Nothing"), AnyValue(zul::Null{}));
-    EXPECT_EQ(bundle->object("ZulTechSettings"), AnyValue(AnyMap{{"Platform", "stb"}, {"Extra", AnyList{1, "a"}}}));
     EXPECT_EQ(bundle->object("Missing"), std::nullopt);
-
-    // The file's order is kept.
-    std::vector<std::string> keys;
-    for (const auto& [key, value] : *bundle->infoDictionary()) keys.push_back(key);
-    EXPECT_EQ(keys, (std::vector<std::string>{"CFBundleIdentifier", "CFBundleShortVersionString", "Build", "Big",
-                                              "Ratio", "Whole", "Debug", "Nothing", "ZulTechSettings"}));
 }
 
 TEST_F(BundleTest, AMissingInfoFileReadsAsEmptySilentlyAndAnUnusableOneWithOneLineOnStandardError) {
@@ -83,7 +75,6 @@ TEST_F(BundleTest, AMissingInfoFileReadsAsEmptySilentlyAndAnUnusableOneWithOneLi
         {R"({"CFBundleIdentifier": "a",})", "not valid JSON ("},
         {"", "not valid JSON ("},
         {R"(["CFBundleIdentifier", "a"])", "the top level is not a JSON object"},
-        {R"("text")", "the top level is not a JSON object"},
         {R"({"n": 123456789012345678901234567890})", "not valid JSON ("},
     };
     for (const auto& c : cases) {

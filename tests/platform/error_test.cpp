@@ -19,7 +19,7 @@ private:
     int line_;
 };
 
-TEST(AnyErrorTest, HoldsConcreteErrorsAndRethrowsThemAsTheirOwnType) {
+TEST(AnyErrorTest, HoldsConcreteOrCaughtErrorsAndRethrowsThemAsTheirOwnType) {
     zul::AnyError error = ParseError(7);
     EXPECT_TRUE(error.is<ParseError>());
     EXPECT_TRUE(error.is<zul::Error>());
@@ -37,34 +37,28 @@ TEST(AnyErrorTest, HoldsConcreteErrorsAndRethrowsThemAsTheirOwnType) {
     } catch (const ParseError& thrown) {
         EXPECT_EQ(thrown.line(), 7);
     }
-}
 
-TEST(AnyErrorTest, CapturesTheExceptionBeingHandled) {
-    zul::AnyError error = [] {
+    // Made from the exception being handled, of whatever type.
+    const auto caught = [](auto thrower) {
         try {
-            throw std::out_of_range("index 9");
+            thrower();
         } catch (...) {
             return zul::AnyError::current();
         }
-    }();
-    EXPECT_TRUE(error.is<std::out_of_range>());
-    EXPECT_TRUE(error.is<std::logic_error>());
-    EXPECT_EQ(error.description(), "index 9");
-    EXPECT_THROW(error.rethrow(), std::out_of_range);
-
-    zul::AnyError foreign = [] {
-        try {
-            throw 42;
-        } catch (...) {
-            return zul::AnyError::current();
-        }
-    }();
+        return zul::AnyError(ParseError(0));
+    };
+    const zul::AnyError standard = caught([] { throw std::out_of_range("index 9"); });
+    EXPECT_TRUE(standard.is<std::out_of_range>());
+    EXPECT_TRUE(standard.is<std::logic_error>());
+    EXPECT_EQ(standard.description(), "index 9");
+    EXPECT_THROW(standard.rethrow(), std::out_of_range);
+    const zul::AnyError foreign = caught([] { throw 42; });
     EXPECT_EQ(foreign.description(), "unknown error");
     EXPECT_FALSE(foreign.is<std::runtime_error>());
     EXPECT_THROW(foreign.rethrow(), int);
 }
 
-TEST(ResultTest, CarriesOneCaseAndTransformsIt) {
+TEST(ResultTest, CarriesOneCaseTransformsItAndGetThrowsTheError) {
     zul::Result<int, std::string> good = zul::success(20);
     zul::Result<int, std::string> bad = zul::failure(std::string("nope"));
     EXPECT_TRUE(good.isSuccess());
@@ -92,9 +86,6 @@ TEST(ResultTest, CarriesOneCaseAndTransformsIt) {
     using IntOrText = zul::Result<int, std::string>;
     EXPECT_EQ(good, IntOrText::success(20));
     EXPECT_NE(good, IntOrText::failure("20"));
-}
-
-TEST(ResultTest, GetThrowsTheErrorAndSameTypedCasesStayApart) {
     zul::Result<int> failed = zul::failure(ParseError(3));
     EXPECT_THROW(failed.get(), ParseError);
     zul::Result<int, ParseError> typed = zul::failure(ParseError(4));

@@ -68,7 +68,7 @@ TEST(MainLoopTest, HostsPumpTheLoopThroughItsFileDescriptor) {
     EXPECT_FALSE(readable(fd));
 }
 
-TEST(MainLoopTest, SyncFromAnotherThreadRunsOnTheMainThread) {
+TEST(MainLoopTest, SyncFromAnotherThreadAndQueuesTargetingTheMainQueueRunOnTheMainThread) {
     std::atomic<bool> finished{false};
     std::thread::id ranOn;
     std::thread worker([&] {
@@ -78,9 +78,7 @@ TEST(MainLoopTest, SyncFromAnotherThreadRunsOnTheMainThread) {
     EXPECT_TRUE(MainLoop::runUntil([&] { return finished.load(); }, 10s));
     worker.join();
     EXPECT_EQ(ranOn, std::this_thread::get_id());
-}
 
-TEST(MainLoopTest, QueuesTargetingTheMainQueueRunOnTheMainThread) {
     auto child = DispatchQueue::create("test.main.child", zul::QualityOfService::unspecified, DispatchQueue::main());
     std::atomic<bool> onMain{false};
     child->async([&] { onMain = DispatchQueue::main()->isCurrent() && child->isCurrent(); });

@@ -71,6 +71,7 @@ TEST(MemoryPressureTest, ListenersAreToldOnTheSignallingThreadAllOfThemEvenWhenO
     EXPECT_EQ(MemoryPressure::name(Level::critical), "critical");
 }
 
+// Kept apart from the test above, whose throwing listener stays registered while it runs.
 TEST(MemoryPressureTest, ListenersAreHeldWeaklyAndNotToldOnceReleased) {
     // The recorder outlives its last shared_ptr (a no-op deleter), so a registry that wrongly
     // kept calling it would show in its record instead of crashing.
@@ -175,7 +176,6 @@ TEST(MemoryPressureMonitorTest, SignalsWhenStallsPassTheThresholdsAndAgainOnlyWh
     auto recorder = std::make_shared<Recorder>();
     MemoryPressure::addResponder(recorder);
     auto monitor = monitorOf(file.path(), std::chrono::hours(1));
-    EXPECT_EQ(monitor->options().path, file.path());
 
     std::this_thread::sleep_for(40ms);  // several quiet readings
     EXPECT_TRUE(recorder->levels().empty());

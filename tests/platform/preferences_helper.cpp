@@ -1,6 +1,5 @@
 // A program the preferences tests run as a separate process:
 //
-//   zul_preferences_helper types FILE              writes every sample value, synchronises
 //   zul_preferences_helper loop FILE               rewrites one consistent state forever; prints
 //                                                  "ready" once the first write is on disk
 //   zul_preferences_helper count FILE PREFIX N     sets PREFIX0 ... PREFIX<N-1>, synchronising each
@@ -15,18 +14,11 @@
 #include <cstdlib>
 #include <string>
 
-#include "platform/preferences_samples.hpp"
 #include "platform/preferences_state.hpp"
 #include "zul/platform/bundle.hpp"
 #include "zul/platform/user_defaults.hpp"
 
 namespace {
-
-int types(const std::string& file) {
-    auto store = zul::UserDefaults::create(file);
-    for (const auto& [key, value] : zul::test::preferenceSamples()) store->set(value, key);
-    return store->synchronize() ? 0 : 1;
-}
 
 int loop(const std::string& file) {
     auto store = zul::UserDefaults::create(file);
@@ -71,7 +63,6 @@ int bundle() {
 
 int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";
-    if (mode == "types" && argc == 3) return types(argv[2]);
     if (mode == "loop" && argc == 3) return loop(argv[2]);
     if (mode == "count" && argc == 5) return count(argv[2], argv[3], std::atoi(argv[4]));
     if (mode == "standard" && argc == 4) return standard(argv[2], argv[3]);

@@ -15,12 +15,11 @@
 namespace {
 
 TEST(URLSessionHTTP2Test, AServerOfferingHTTP2GetsItAndCarriesConcurrentTransfersOnOneConnection) {
-    const auto identity = zul::test::TLSIdentity::selfSigned();
+    const zul::test::TLSIdentity identity;
     // Each answer names the protocol and the server's connection number.
     zul::test::NginxServer nginx(identity, R"(location / { return 200 "$server_protocol $connection"; })");
-    const zul::test::CertificateFile authority(identity);
     zul::URLSessionConfiguration configuration;
-    configuration.caInfoFile = authority.path();
+    configuration.caInfoFile = identity.certificatePath();
     configuration.httpMaximumConnectionsPerHost = 4;
     auto session = zul::URLSession::create(configuration);
 

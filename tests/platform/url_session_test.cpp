@@ -6,7 +6,6 @@
 #include <functional>
 #include <map>
 #include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -40,6 +39,8 @@ URLRequest requestFor(const std::string& url, const char* method = "GET", const 
     if (body != nullptr) request.setHTTPBody(zul::dataFromString(body));
     return request;
 }
+// The code of `error`, or 0 for none.
+int codeOf(const std::optional<URLError>& error) { return error ? error->code() : 0; }
 std::string refusedURL() { return "http://127.0.0.1:" + std::to_string(zul::test::unusedLoopbackPort()) + "/"; }
 
 // Records what a session reports, checking on every callback that it runs on the delegate queue
@@ -54,10 +55,7 @@ public:
         std::size_t receiveCalls = 0;
         bool completed = false;
     };
-    struct Redirect {
-        std::int64_t status;
-        std::string newURL;
-    };
+    using Redirect = std::pair<std::int64_t, std::string>;  // status, new URL
 
     std::shared_ptr<zul::DispatchQueue> queue = zul::DispatchQueue::create("test.urlsession.delegate");
     std::atomic<bool> refuseRedirects{false};  // else follows
@@ -240,17 +238,24 @@ void standardRoutes(httplib::Server& s, std::atomic<LoopbackServer*>* self) {
     s.Get("/loop", text("", 301, "/loop"));
 }
 
-// A bare TCP listener on loopback whose one connection is handled by `serve` on a thread of its
-// own: for peers httplib cannot play (silent, or speaking the proxy form of HTTP).
+// A bare TCP listener on loopback for peers httplib cannot play (silent, or speaking the proxy
+// form of HTTP). On a thread of its own it takes one connection, reads from it until the end of a
+// request head or until the peer stops sending, keeps what it read, sends `answer` and closes.
 class BareServer {
 public:
-    explicit BareServer(std::function<void(int client)> serve) {
+    explicit BareServer(std::string answer) {
         std::tie(listener_, port_) = zul::test::boundLoopbackSocket();
         if (::listen(listener_, 4) != 0) throw std::runtime_error("cannot listen on loopback");
-        thread_ = std::thread([this, serve = std::move(serve)] {
+        thread_ = std::thread([this, answer = std::move(answer)] {
             const int client = ::accept(listener_, nullptr, nullptr);
             if (client < 0) return;
-            serve(client);
+            char buffer[1024];
+            ssize_t got = 0;
+            const std::lock_guard lock(mutex_);  // the socket is no fence a race checker sees
+            while (head_.find("\r\n\r\n") == std::string::npos && (got = ::recv(client, buffer, sizeof buffer, 0)) > 0) {
+                head_.append(buffer, static_cast<std::size_t>(got));
+            }
+            (void)::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
             ::close(client);
         });
     }
@@ -262,26 +267,24 @@ public:
     BareServer(const BareServer&) = delete;
     BareServer& operator=(const BareServer&) = delete;
 
+    // An answer of 200 with `body`.
+    static std::string ok(const std::string& body) {
+        return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
+    }
     std::string origin(const char* scheme = "http") const {
         return std::string(scheme) + "://127.0.0.1:" + std::to_string(port_);
+    }
+    std::string head() {
+        const std::lock_guard lock(mutex_);
+        return head_;
     }
 
 private:
     int listener_ = -1, port_ = 0;
+    std::mutex mutex_;
+    std::string head_;
     std::thread thread_;
 };
-
-// Reads from `client` until the end of a request head, or until the peer stops sending.
-std::string readHead(int client) {
-    std::string head;
-    char buffer[1024];
-    while (head.find("\r\n\r\n") == std::string::npos) {
-        const ssize_t got = ::recv(client, buffer, sizeof buffer, 0);
-        if (got <= 0) break;
-        head.append(buffer, static_cast<std::size_t>(got));
-    }
-    return head;
-}
 
 // Answers after 5 s (or when the server stops).
 constexpr const char* slowPath = "/pause?ms=5000";
@@ -310,7 +313,7 @@ TEST(URLErrorTest, NamesTheCaseAndDescribesCodeNameAndMessage) {
     EXPECT_STREQ(URLError::domain, "NSURLErrorDomain");
 }
 
-TEST(URLErrorTest, LibcurlFailuresMapOntoThePlatformCodes) {
+TEST(URLErrorTest, LibcurlFailuresMapOntoThePlatformCodesAndIdleTimeOutsAreWholeSeconds) {
     using zul::detail::urlErrorFromCurl;
     const struct {
         CURLcode code;
@@ -326,9 +329,8 @@ TEST(URLErrorTest, LibcurlFailuresMapOntoThePlatformCodes) {
     // libcurl's own text, or its description of the code when it gave none.
     EXPECT_EQ(urlErrorFromCurl(CURLE_COULDNT_CONNECT, ECONNREFUSED, "Connection refused").message(), "Connection refused");
     EXPECT_EQ(urlErrorFromCurl(CURLE_GOT_NOTHING, 0, "").message(), curl_easy_strerror(CURLE_GOT_NOTHING));
-}
 
-TEST(URLErrorTest, IdleTimeOutCountsWholeSecondsAndFallsBackToTheConfiguration) {
+    // The idle time-out counts whole seconds and falls back to the configuration.
     using zul::detail::idleTimeout;
     EXPECT_EQ(idleTimeout(2.5, 60), 2s);
     EXPECT_EQ(idleTimeout(0, 7.9), 7s);
@@ -349,34 +351,33 @@ TEST(URLErrorTest, ResponseHeadsParseFieldsFoldedLinesAndRepeats) {
 }
 
 TEST(URLErrorTest, RedirectedRequestsResolveTheLocationAndRewriteTheMethodAsThePlatformDoes) {
-    using zul::detail::redirectedRequest;
-    URLRequest post = requestFor("http://h.test/a/b?q=1", "POST", "payload");
-    post.setValue("yes", "X-Keep");
-
-    for (int status : {301, 302}) {
-        auto next = redirectedRequest(post, status, "c");
-        ASSERT_TRUE(next);
-        EXPECT_EQ(next->url()->absoluteString(), "http://h.test/a/c");
-        EXPECT_EQ(next->httpMethod(), "GET");
-        EXPECT_FALSE(next->httpBody());
+    const struct {
+        const char* method;
+        int status;
+        const char* location;
+        const char* expectedURL;  // "" when the Location names no URL
+        const char* expectedMethod;
+    } cases[] = {{"POST", 301, "c", "http://h.test/a/c", "GET"},
+                 {"POST", 302, "c", "http://h.test/a/c", "GET"},
+                 {"POST", 307, "/root", "http://h.test/root", "POST"},
+                 {"PUT", 303, "//other.test/x", "http://other.test/x", "GET"},
+                 {"PUT", 302, "/x", "http://h.test/x", "PUT"},  // only POST turns into GET
+                 {"HEAD", 303, "https://secure.test/", "https://secure.test/", "HEAD"},
+                 {"HEAD", 302, "http://bad host/", "", ""}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.method) + " " + std::to_string(c.status));
+        URLRequest request = requestFor("http://h.test/a/b?q=1", c.method, "payload");
+        request.setValue("yes", "X-Keep");
+        const auto next = zul::detail::redirectedRequest(request, c.status, c.location);
+        ASSERT_EQ(next.has_value(), *c.expectedURL != '\0');
+        if (!next) continue;
+        EXPECT_EQ(next->url()->absoluteString(), c.expectedURL);
+        EXPECT_EQ(next->httpMethod(), c.expectedMethod);
+        // A method turned into GET loses the body; one kept keeps it. Headers always stay.
+        const bool toGet = next->httpMethod() != request.httpMethod();
+        EXPECT_EQ(next->httpBody(), toGet ? std::nullopt : std::optional(zul::dataFromString("payload")));
         EXPECT_EQ(next->value("X-Keep"), "yes");
     }
-    for (int status : {307, 308}) {
-        auto next = redirectedRequest(post, status, "/root");
-        ASSERT_TRUE(next);
-        EXPECT_EQ(next->url()->absoluteString(), "http://h.test/root");
-        EXPECT_EQ(next->httpMethod(), "POST");
-        EXPECT_EQ(next->httpBody(), zul::dataFromString("payload"));
-    }
-    URLRequest put = post;
-    put.setHTTPMethod("PUT");
-    EXPECT_EQ(redirectedRequest(put, 303, "//other.test/x")->url()->absoluteString(), "http://other.test/x");
-    EXPECT_EQ(redirectedRequest(put, 303, "/x")->httpMethod(), "GET");
-    EXPECT_EQ(redirectedRequest(put, 302, "/x")->httpMethod(), "PUT");  // only POST turns into GET
-    const URLRequest head = requestFor("http://h.test/", "HEAD");
-    EXPECT_EQ(redirectedRequest(head, 303, "https://secure.test/")->httpMethod(), "HEAD");
-    EXPECT_EQ(redirectedRequest(head, 303, "https://secure.test/")->url()->absoluteString(), "https://secure.test/");
-    EXPECT_FALSE(redirectedRequest(head, 302, "http://bad host/"));
 }
 
 // ---- Transfers against a loopback server.
@@ -423,9 +424,8 @@ TEST(URLSessionTest, SendsMethodsHeadersAndBodiesAndReportsTheResponse) {
         EXPECT_EQ(outcome.stateAtCompletion, URLSessionTaskState::completed);
         EXPECT_EQ(task->countOfBytesReceived(), static_cast<std::int64_t>(outcome.body.size()));
     }
-    const auto headResponse = recorder->outcome(tasks[4]->taskIdentifier()).response;
-    ASSERT_TRUE(headResponse->value("Content-Length"));
-    EXPECT_NE(headResponse->value("Content-Length"), "0");  // the length of the body it did not send
+    // HEAD: the length of the body it did not send.
+    EXPECT_NE(recorder->outcome(tasks[4]->taskIdentifier()).response->value("Content-Length").value_or("0"), "0");
     EXPECT_TRUE(recorder->wellBehaved());
 
     // Connections are kept and reused: the same requests again, one after the other, open none.
@@ -448,7 +448,6 @@ TEST(URLSessionTest, DelegateCallbacksArriveOnTheQueueInOrderOneAtATime) {
     auto recorder = std::make_shared<Recorder>();
     recorder->queue = zul::DispatchQueue::global();
     auto session = URLSession::create(URLSessionConfiguration(), recorder, recorder->queue);
-    EXPECT_EQ(session->delegateQueue(), recorder->queue);
     std::vector<std::shared_ptr<URLSessionTask>> tasks;
     for (int i = 0; i < 8; ++i) {
         tasks.push_back(session->dataTask(requestFor(s.server.url(i % 2 == 0 ? "/big" : "/hello"))));
@@ -468,27 +467,23 @@ TEST(URLSessionTest, DelegateCallbacksArriveOnTheQueueInOrderOneAtATime) {
     // The big bodies came in over time: gathered per round, so in several calls but far fewer
     // than libcurl's writes.
     EXPECT_GT(recorder->outcome(tasks[0]->taskIdentifier()).receiveCalls, 1u);
-
-    // For each task, every "data" comes before its one "complete".
-    const auto log = recorder->log();
-    for (const auto& task : tasks) {
-        const std::string id = std::to_string(task->taskIdentifier());
-        auto complete = std::find(log.begin(), log.end(), "complete " + id);
-        ASSERT_NE(complete, log.end());
-        EXPECT_EQ(std::find(complete, log.end(), "data " + id), log.end());
-    }
 }
 
-TEST(URLSessionTest, CompletionHandlerTasksGetDataResponseAndErrorOnce) {
+TEST(URLSessionTest, CompletionHandlerTasksGetDataResponseOrThePlatformErrorOnce) {
     StandardServer s;
     auto [recorder, session] = Recorder::session();
+    BareServer closer("");  // reads the request and closes the connection without answering
 
-    Handed ok, serverError, refused;
-    auto a = session->dataTask(requestFor(s.server.url("/big")), ok.handler());
-    auto b = session->dataTask(requestFor(s.server.url("/fail")), serverError.handler());
-    auto c = session->dataTask(requestFor(refusedURL()), refused.handler());
-    for (auto* task : {a.get(), b.get(), c.get()}) task->resume();
-    ASSERT_TRUE(ok.wait() && serverError.wait() && refused.wait());
+    Handed ok, serverError, refused, unknownHost, unsupported, noURL, empty;
+    ok.start(*session, requestFor(s.server.url("/big")));
+    serverError.start(*session, requestFor(s.server.url("/fail")));
+    const auto refusedTask = refused.start(*session, requestFor(refusedURL()));
+    unknownHost.start(*session, requestFor("http://nonexistent.invalid/"));
+    unsupported.start(*session, requestFor("ftp://127.0.0.1/file"));
+    noURL.start(*session, URLRequest());
+    empty.start(*session, requestFor(closer.origin() + "/"));
+    const std::vector<Handed*> all{&ok, &serverError, &refused, &unknownHost, &unsupported, &noURL, &empty};
+    ASSERT_TRUE(waitUntil([&] { return std::all_of(all.begin(), all.end(), [](Handed* h) { return h->done(); }); }));
 
     EXPECT_EQ(ok.data->size(), 65536u);
     EXPECT_EQ(ok.response->statusCode(), 200);
@@ -499,16 +494,19 @@ TEST(URLSessionTest, CompletionHandlerTasksGetDataResponseAndErrorOnce) {
     EXPECT_FALSE(serverError.error);
     EXPECT_FALSE(refused.data);
     EXPECT_FALSE(refused.response);
-    ASSERT_TRUE(refused.error);
-    EXPECT_EQ(c->error(), refused.error);
-    EXPECT_EQ(c->state(), URLSessionTaskState::completed);
+    EXPECT_EQ(refusedTask->error(), refused.error);
+    EXPECT_EQ(refusedTask->state(), URLSessionTaskState::completed);
+    std::vector<int> codes;
+    for (Handed* h : {&refused, &unknownHost, &unsupported, &noURL, &empty}) codes.push_back(codeOf(h->error));
+    EXPECT_EQ(codes, (std::vector<int>{URLError::cannotConnectToHost, URLError::cannotFindHost, URLError::unsupportedURL,
+                                       URLError::badURL, URLError::badServerResponse}));
 
     std::this_thread::sleep_for(50ms);  // a second call or a delegate callback would show by now
-    EXPECT_EQ(ok.calls + serverError.calls + refused.calls, 3);
+    for (Handed* h : all) EXPECT_EQ(h->calls, 1);
     EXPECT_TRUE(recorder->log().empty());  // the delegate hears nothing of these tasks
 }
 
-TEST(URLSessionTest, FollowsRedirectsTheDelegateAccepts) {
+TEST(URLSessionTest, RedirectsAreFollowedWhenTheDelegateAcceptsUpToALimitAndRefusedOnesAreTheAnswer) {
     StandardServer s;
     auto [recorder, session] = Recorder::session();
 
@@ -516,9 +514,7 @@ TEST(URLSessionTest, FollowsRedirectsTheDelegateAccepts) {
     task->resume();
     ASSERT_TRUE(waitUntil([&] { return recorder->completedCount() == 1; }));
     const auto outcome = recorder->outcome(task->taskIdentifier());
-    ASSERT_EQ(recorder->redirects().size(), 1u);
-    EXPECT_EQ(recorder->redirects()[0].status, 302);
-    EXPECT_EQ(recorder->redirects()[0].newURL, s.server.url("/hello"));
+    EXPECT_EQ(recorder->redirects(), (std::vector<Recorder::Redirect>{{302, s.server.url("/hello")}}));
     EXPECT_EQ(recorder->log().front(), "redirect " + std::to_string(task->taskIdentifier()));
     EXPECT_FALSE(outcome.error);
     EXPECT_EQ(outcome.body, "hello");  // the 302's own body ("moved") is not delivered
@@ -537,44 +533,34 @@ TEST(URLSessionTest, FollowsRedirectsTheDelegateAccepts) {
     temporary.setURL(URL::fromString(s.server.url("/temporary")));
     Handed kept;
     kept.start(*session, temporary);
-    ASSERT_TRUE(seeOther.wait() && kept.wait());
+    // A loop ends after the first request and 16 redirects.
+    Handed loop;
+    loop.start(*session, requestFor(s.server.url("/loop")));
+    ASSERT_TRUE(seeOther.wait() && kept.wait() && loop.wait());
     EXPECT_EQ(zul::stringFromData(*seeOther.data),
               "GET\nX-Custom=kept\nX-Extra=<none>\nContent-Type=<none>\nExpect=<none>\nbody=");
     EXPECT_EQ(zul::stringFromData(*kept.data).substr(0, 5), "POST\n");
     EXPECT_NE(zul::stringFromData(*kept.data).find("body=form"), std::string::npos);
+    EXPECT_EQ(codeOf(loop.error), URLError::httpTooManyRedirects);
+    EXPECT_EQ(s.server.requestCount(), 2u + 2u + 2u + 17u);
     EXPECT_TRUE(recorder->wellBehaved());
-}
 
-TEST(URLSessionTest, ARefusedRedirectCompletesWithTheRedirectResponseAndBody) {
-    StandardServer s;
-    auto recorder = std::make_shared<Recorder>();
-    recorder->refuseRedirects = true;
-    auto session = URLSession::create(URLSessionConfiguration(), recorder, recorder->queue);
-    auto task = session->dataTask(requestFor(s.server.url("/redirect")));
-    task->resume();
+    // Refused: the redirect response and its body are the answer, for both kinds of task.
+    auto [refuser, refusing] = Recorder::session();
+    refuser->refuseRedirects = true;
+    auto refused = refusing->dataTask(requestFor(s.server.url("/redirect")));
+    refused->resume();
     Handed handed;
-    handed.start(*session, requestFor(s.server.url("/redirect")));
-    ASSERT_TRUE(waitUntil([&] { return recorder->completedCount() == 1 && handed.done(); }));
-
-    const auto outcome = recorder->outcome(task->taskIdentifier());
-    EXPECT_FALSE(outcome.error);
-    EXPECT_EQ(outcome.response->statusCode(), 302);
-    EXPECT_EQ(outcome.response->value("Location"), "/hello");
-    EXPECT_EQ(outcome.body, "moved");
+    handed.start(*refusing, requestFor(s.server.url("/redirect")));
+    ASSERT_TRUE(waitUntil([&] { return refuser->completedCount() == 1 && handed.done(); }));
+    const auto refusal = refuser->outcome(refused->taskIdentifier());
+    EXPECT_FALSE(refusal.error);
+    EXPECT_EQ(refusal.response->statusCode(), 302);
+    EXPECT_EQ(refusal.response->value("Location"), "/hello");
+    EXPECT_EQ(refusal.body, "moved");
     EXPECT_EQ(handed.response->statusCode(), 302);
     EXPECT_EQ(handed.data, zul::dataFromString("moved"));
-    EXPECT_EQ(s.server.requestCount(), 2u);  // "/hello" was never asked for
-}
-
-TEST(URLSessionTest, RedirectLoopsStopWithTooManyRedirects) {
-    StandardServer s;
-    auto session = URLSession::create();
-    Handed handed;
-    handed.start(*session, requestFor(s.server.url("/loop")));
-    ASSERT_TRUE(handed.wait());
-    ASSERT_TRUE(handed.error);
-    EXPECT_EQ(handed.error->code(), URLError::httpTooManyRedirects);
-    EXPECT_EQ(s.server.requestCount(), 17u);  // the first request and 16 redirects
+    EXPECT_EQ(s.server.requestCount(), 23u + 2u);  // "/hello" was never asked for
 }
 
 TEST(URLSessionTest, IdleTransfersTimeOutButSlowSteadyOnesDoNot) {
@@ -589,24 +575,20 @@ TEST(URLSessionTest, IdleTransfersTimeOutButSlowSteadyOnesDoNot) {
     timedOut.start(*session, stuck);
     steady.start(*session, drip);
     ASSERT_TRUE(timedOut.wait() && steady.wait());
-    ASSERT_TRUE(timedOut.error);
-    EXPECT_EQ(timedOut.error->code(), URLError::timedOut);
+    EXPECT_EQ(codeOf(timedOut.error), URLError::timedOut);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 1s);
     EXPECT_FALSE(steady.error) << steady.error->description();  // 1.6 s in all, never a second idle
     EXPECT_EQ(steady.data, zul::dataFromString("xxxxxxxx"));
 
     // Connecting counts: a server that accepts but never answers the TLS handshake holds the
     // transfer in libcurl's connect phase, where the same idle clock runs.
-    std::atomic<bool> released{false};
-    BareServer silent([&](int) { waitUntil([&] { return released.load(); }, 10s); });
+    BareServer silent("");  // reads the client's hello, then waits for more until the client gives up
     URLRequest stalled = requestFor(silent.origin("https") + "/");
     stalled.setTimeoutInterval(1);
     Handed handshake;
     handshake.start(*session, stalled);
     ASSERT_TRUE(handshake.wait());
-    released = true;
-    ASSERT_TRUE(handshake.error);
-    EXPECT_EQ(handshake.error->code(), URLError::timedOut) << handshake.error->description();
+    EXPECT_EQ(codeOf(handshake.error), URLError::timedOut);
 
     // The configuration's resource time-out bounds the whole transfer, however busy.
     URLSessionConfiguration configuration;
@@ -615,107 +597,45 @@ TEST(URLSessionTest, IdleTransfersTimeOutButSlowSteadyOnesDoNot) {
     Handed cut;
     cut.start(*bounded, drip);
     ASSERT_TRUE(cut.wait());
-    ASSERT_TRUE(cut.error);
-    EXPECT_EQ(cut.error->code(), URLError::timedOut);
+    EXPECT_EQ(codeOf(cut.error), URLError::timedOut);
 }
-
-TEST(URLSessionTest, TransportFailuresCarryThePlatformCodes) {
-    auto session = URLSession::create();
-    Handed refused, unknownHost, unsupported, noURL;
-    refused.start(*session, requestFor(refusedURL()));
-    unknownHost.start(*session, requestFor("http://nonexistent.invalid/"));
-    unsupported.start(*session, requestFor("ftp://127.0.0.1/file"));
-    noURL.start(*session, URLRequest());
-    ASSERT_TRUE(refused.wait() && unknownHost.wait() && unsupported.wait() && noURL.wait());
-    EXPECT_EQ(refused.error->code(), URLError::cannotConnectToHost);
-    EXPECT_EQ(unknownHost.error->code(), URLError::cannotFindHost);
-    EXPECT_EQ(unsupported.error->code(), URLError::unsupportedURL);
-    EXPECT_EQ(noURL.error->code(), URLError::badURL);
-
-    // A server that reads the request and closes the connection without answering.
-    BareServer closer([](int client) { readHead(client); });
-    Handed empty;
-    empty.start(*session, requestFor(closer.origin() + "/"));
-    ASSERT_TRUE(empty.wait());
-    EXPECT_EQ(empty.error->code(), URLError::badServerResponse);
-}
-
-// A proxy that answers one request with "proxied" and keeps the head it was sent.
-class RecordingProxy {
-public:
-    std::string origin() const { return server_.origin(); }
-    std::string head() {
-        const std::lock_guard lock(mutex_);
-        return head_;
-    }
-
-private:
-    std::mutex mutex_;  // the proxy's thread writes the head; the socket is no fence a race checker sees
-    std::string head_;
-    BareServer server_{[this](int client) {
-        std::string received = readHead(client);
-        {
-            const std::lock_guard lock(mutex_);
-            head_ = std::move(received);
-        }
-        const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 7\r\nConnection: close\r\n\r\nproxied";
-        (void)::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
-    }};
-};
 
 TEST(URLSessionTest, ProxiesComeFromTheConfigurationOrFromTheEnvironmentAsTheSessionIsMade) {
-    {
-        RecordingProxy proxy;
-        URLSessionConfiguration configuration;
-        configuration.proxy = proxy.origin();
-        auto session = URLSession::create(configuration);
-        Handed handed;
-        handed.start(*session, requestFor("http://origin.invalid/path?q=1"));
-        ASSERT_TRUE(handed.wait());
-        EXPECT_FALSE(handed.error) << handed.error->description();
-        EXPECT_EQ(handed.data, zul::dataFromString("proxied"));
-        // The proxy was asked for the absolute URL, on behalf of the origin (whose name does not
-        // even resolve).
-        const std::string head = proxy.head();
-        EXPECT_EQ(head.substr(0, head.find("\r\n")), "GET http://origin.invalid/path?q=1 HTTP/1.1");
-        EXPECT_NE(head.find("Host: origin.invalid"), std::string::npos) << head;
-    }
-    {
-        RecordingProxy proxy;
-        BareServer direct([](int client) {
-            readHead(client);
-            const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 6\r\nConnection: close\r\n\r\ndirect";
-            (void)::send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
-        });
-        ::setenv("http_proxy", proxy.origin().c_str(), 1);
-        ::setenv("no_proxy", "127.0.0.1", 1);
-        auto session = URLSession::create(URLSessionConfiguration{});
-        ::unsetenv("http_proxy");  // too late: the session has read them
-        ::unsetenv("no_proxy");
-        Handed viaProxy;
-        Handed directly;
-        viaProxy.start(*session, requestFor("http://origin.invalid/env"));
-        directly.start(*session, requestFor(direct.origin() + "/"));
-        ASSERT_TRUE(viaProxy.wait());
-        ASSERT_TRUE(directly.wait());
-        EXPECT_EQ(viaProxy.data, zul::dataFromString("proxied"));
-        EXPECT_EQ(directly.data, zul::dataFromString("direct"));  // no_proxy names it
-        const std::string head = proxy.head();
-        EXPECT_EQ(head.substr(0, head.find("\r\n")), "GET http://origin.invalid/env HTTP/1.1");
-    }
+    BareServer configured(BareServer::ok("proxied")), fromEnvironment(BareServer::ok("proxied"));
+    BareServer direct(BareServer::ok("direct"));
+    URLSessionConfiguration configuration;
+    configuration.proxy = configured.origin();
+    auto viaConfiguration = URLSession::create(configuration);
+    ::setenv("http_proxy", fromEnvironment.origin().c_str(), 1);
+    ::setenv("no_proxy", "127.0.0.1", 1);
+    auto viaEnvironment = URLSession::create(URLSessionConfiguration{});
+    ::unsetenv("http_proxy");  // too late: the session has read them
+    ::unsetenv("no_proxy");
+
+    Handed proxied, proxiedByEnvironment, directly;
+    proxied.start(*viaConfiguration, requestFor("http://origin.invalid/path?q=1"));
+    proxiedByEnvironment.start(*viaEnvironment, requestFor("http://origin.invalid/env"));
+    directly.start(*viaEnvironment, requestFor(direct.origin() + "/"));
+    ASSERT_TRUE(proxied.wait() && proxiedByEnvironment.wait() && directly.wait());
+    EXPECT_EQ(proxied.data, zul::dataFromString("proxied"));
+    EXPECT_EQ(proxiedByEnvironment.data, zul::dataFromString("proxied"));
+    EXPECT_EQ(directly.data, zul::dataFromString("direct"));  // no_proxy names it
+    // The proxies were asked for the absolute URL, on behalf of the origin (whose name does not
+    // even resolve).
+    const auto firstLine = [](const std::string& head) { return head.substr(0, head.find("\r\n")); };
+    EXPECT_EQ(firstLine(configured.head()), "GET http://origin.invalid/path?q=1 HTTP/1.1");
+    EXPECT_NE(configured.head().find("\r\nHost: origin.invalid\r\n"), std::string::npos) << configured.head();
+    EXPECT_EQ(firstLine(fromEnvironment.head()), "GET http://origin.invalid/env HTTP/1.1");
 }
 
 TEST(URLSessionTest, TLSIsVerifiedUnlessSwitchedOffAndTrustsTheConfiguredAuthority) {
-    const auto identity = zul::test::TLSIdentity::selfSigned();
+    const zul::test::TLSIdentity identity;
     LoopbackServer server(identity, [](httplib::Server& s) {
         s.Get("/hello", [](const httplib::Request&, httplib::Response& res) { res.set_content("secure", "text/plain"); });
     });
-    const zul::test::CertificateFile authority(identity);
-
-    URLSessionConfiguration unverified;
+    URLSessionConfiguration unverified, trusting;
     unverified.tlsVerifyPeer = false;
-    URLSessionConfiguration trusting;
-    trusting.caInfoFile = authority.path();
+    trusting.caInfoFile = identity.certificatePath();
     auto strict = URLSession::create();
     auto lax = URLSession::create(unverified);
     auto trusted = URLSession::create(trusting);
@@ -725,13 +645,12 @@ TEST(URLSessionTest, TLSIsVerifiedUnlessSwitchedOffAndTrustsTheConfiguredAuthori
     verified.start(*trusted, requestFor(server.url("/hello")));
     ASSERT_TRUE(refused.wait() && accepted.wait() && verified.wait());
 
-    ASSERT_TRUE(refused.error);  // a certificate nobody vouches for
-    EXPECT_EQ(refused.error->code(), URLError::unknown);
+    ASSERT_EQ(codeOf(refused.error), URLError::unknown);  // a certificate nobody vouches for
     EXPECT_NE(refused.error->message().find("certificate"), std::string::npos) << refused.error->message();
-    EXPECT_FALSE(accepted.error) << accepted.error->description();
-    EXPECT_EQ(accepted.data, zul::dataFromString("secure"));
-    EXPECT_FALSE(verified.error) << verified.error->description();
-    EXPECT_EQ(verified.data, zul::dataFromString("secure"));
+    for (Handed* handed : {&accepted, &verified}) {
+        EXPECT_FALSE(handed->error) << handed->error->description();
+        EXPECT_EQ(handed->data, zul::dataFromString("secure"));
+    }
 }
 
 TEST(URLSessionTest, TaskStatesAndCancellation) {
@@ -743,7 +662,6 @@ TEST(URLSessionTest, TaskStatesAndCancellation) {
     EXPECT_FALSE(task->response());
     EXPECT_EQ(task->taskIdentifier() + 1, session->dataTask(requestFor(s.server.url("/hello")))->taskIdentifier());
     task->resume();
-    EXPECT_NE(task->state(), URLSessionTaskState::suspended);
     ASSERT_TRUE(waitUntil([&] { return recorder->completedCount() == 1; }));
     EXPECT_EQ(task->state(), URLSessionTaskState::completed);
     EXPECT_EQ(task->response()->statusCode(), 200);
@@ -761,24 +679,23 @@ TEST(URLSessionTest, TaskStatesAndCancellation) {
     slow->cancel();
     ASSERT_TRUE(waitUntil([&] { return recorder->completedCount() == 2; }));
     auto outcome = recorder->outcome(slow->taskIdentifier());
-    ASSERT_TRUE(outcome.error);
-    EXPECT_EQ(outcome.error->code(), URLError::cancelled);
+    EXPECT_EQ(codeOf(outcome.error), URLError::cancelled);
     EXPECT_EQ(outcome.stateAtCompletion, URLSessionTaskState::completed);
-    EXPECT_EQ(slow->error()->code(), URLError::cancelled);
+    EXPECT_EQ(codeOf(slow->error()), URLError::cancelled);
 
     // Cancelling a suspended task reports it too; resuming it afterwards does nothing.
     auto suspended = session->dataTask(requestFor(s.server.url("/hello")));
     suspended->cancel();
     suspended->resume();
     ASSERT_TRUE(waitUntil([&] { return recorder->completedCount() == 3; }));
-    EXPECT_EQ(recorder->outcome(suspended->taskIdentifier()).error->code(), URLError::cancelled);
+    EXPECT_EQ(codeOf(recorder->outcome(suspended->taskIdentifier()).error), URLError::cancelled);
     EXPECT_EQ(suspended->state(), URLSessionTaskState::completed);
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(s.server.requestCount(), 2u);
     EXPECT_TRUE(recorder->wellBehaved());
 }
 
-TEST(URLSessionTest, ThousandsOfTasksShareAFewConnections) {
+TEST(URLSessionTest, ThousandsOfTasksShareAFewConnectionsEachOriginItsShareAndWaitingIsNotIdleness) {
     StandardServer s;
     URLSessionConfiguration configuration;
     configuration.maximumConnections = 4;
@@ -787,17 +704,13 @@ TEST(URLSessionTest, ThousandsOfTasksShareAFewConnections) {
     EXPECT_EQ(fetchMany(*session, count, [&](int) { return s.server.url("/hello"); }), count);
     EXPECT_EQ(s.server.requestCount(), static_cast<std::size_t>(count));
     EXPECT_LE(s.server.peakConnections(), 4u);
-}
 
-TEST(URLSessionTest, EachOriginGetsItsShareOfConnectionsAndWaitingIsNotIdleness) {
-    StandardServer first;
-    StandardServer second;
-    URLSessionConfiguration configuration;
-    configuration.maximumConnections = 4;
+    // Each origin gets its share (peaks counted afresh, on new servers).
+    StandardServer first, second;
     configuration.httpMaximumConnectionsPerHost = 2;
-    auto session = URLSession::create(configuration);
+    auto sharing = URLSession::create(configuration);
     // Unequal shares: a third to the second server.
-    EXPECT_EQ(fetchMany(*session, 300, [&](int i) { return (i % 3 == 0 ? second : first).server.url("/hello"); }), 300);
+    EXPECT_EQ(fetchMany(*sharing, 300, [&](int i) { return (i % 3 == 0 ? second : first).server.url("/hello"); }), 300);
     EXPECT_LE(first.server.peakConnections(), 2u);
     EXPECT_LE(second.server.peakConnections(), 2u);
 
@@ -815,7 +728,7 @@ TEST(URLSessionTest, EachOriginGetsItsShareOfConnectionsAndWaitingIsNotIdleness)
     for (Handed& h : handed) EXPECT_FALSE(h.error) << h.error->description();
 }
 
-TEST(URLSessionTest, InvalidatingCancelsOrFinishesAndThenReportsInvalid) {
+TEST(URLSessionTest, InvalidatingCancelsOrFinishesAndReportsInvalidAndDestroyingCancels) {
     StandardServer s;
     {
         auto [recorder, session] = Recorder::session();
@@ -825,15 +738,15 @@ TEST(URLSessionTest, InvalidatingCancelsOrFinishesAndThenReportsInvalid) {
         ASSERT_TRUE(waitUntil([&] { return s.server.requestCount() == 1; }));
         session->invalidateAndCancel();
         ASSERT_TRUE(waitUntil([&] { return recorder->log().size() == 3; }));
-        EXPECT_EQ(recorder->outcome(running->taskIdentifier()).error->code(), URLError::cancelled);
-        EXPECT_EQ(recorder->outcome(suspended->taskIdentifier()).error->code(), URLError::cancelled);
+        EXPECT_EQ(codeOf(recorder->outcome(running->taskIdentifier()).error), URLError::cancelled);
+        EXPECT_EQ(codeOf(recorder->outcome(suspended->taskIdentifier()).error), URLError::cancelled);
         EXPECT_EQ(recorder->log().back(), "invalid");
 
         // An invalid session runs nothing new and tells the delegate nothing more.
         Handed late;
         late.start(*session, requestFor(s.server.url("/hello")));
         ASSERT_TRUE(late.wait());
-        EXPECT_EQ(late.error->code(), URLError::cancelled);
+        EXPECT_EQ(codeOf(late.error), URLError::cancelled);
         auto another = session->dataTask(requestFor(s.server.url("/hello")));
         another->resume();
         ASSERT_TRUE(waitUntil([&] { return another->state() == URLSessionTaskState::completed; }));
@@ -854,10 +767,9 @@ TEST(URLSessionTest, InvalidatingCancelsOrFinishesAndThenReportsInvalid) {
         EXPECT_EQ(recorder->outcome(drip->taskIdentifier()).body, "xxxxxxxx");
         EXPECT_TRUE(recorder->wellBehaved());
     }
-}
 
-TEST(URLSessionTest, DestroyingTheSessionCancelsWhatIsInFlight) {
-    StandardServer s;
+    // Destroying the session cancels what is in flight or waiting.
+    const std::size_t before = s.server.requestCount();
     auto recorder = std::make_shared<Recorder>();
     Handed slow, queued;
     std::shared_ptr<URLSessionTask> delegateTask;
@@ -869,16 +781,16 @@ TEST(URLSessionTest, DestroyingTheSessionCancelsWhatIsInFlight) {
         queued.start(*session, requestFor(s.server.url("/hello")));  // waits in line
         delegateTask = session->dataTask(requestFor(s.server.url(slowPath)));
         delegateTask->resume();
-        ASSERT_TRUE(waitUntil([&] { return s.server.requestCount() == 1; }));
+        ASSERT_TRUE(waitUntil([&] { return s.server.requestCount() == before + 1; }));
         const auto start = std::chrono::steady_clock::now();
         session.reset();
         EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);  // it does not wait for the server
     }
     ASSERT_TRUE(slow.wait() && queued.wait());
-    EXPECT_EQ(slow.error->code(), URLError::cancelled);
-    EXPECT_EQ(queued.error->code(), URLError::cancelled);
+    EXPECT_EQ(codeOf(slow.error), URLError::cancelled);
+    EXPECT_EQ(codeOf(queued.error), URLError::cancelled);
     EXPECT_EQ(delegateTask->state(), URLSessionTaskState::completed);
-    EXPECT_EQ(delegateTask->error()->code(), URLError::cancelled);
+    EXPECT_EQ(codeOf(delegateTask->error()), URLError::cancelled);
     delegateTask->resume();  // a task outliving its session is inert
     delegateTask->cancel();
 
@@ -891,14 +803,12 @@ TEST(URLSessionTest, DestroyingTheSessionCancelsWhatIsInFlight) {
         kept = idle->dataTask(requestFor(s.server.url("/hello")), neverResumed.handler());
     }
     ASSERT_TRUE(neverResumed.wait());
-    EXPECT_EQ(neverResumed.error->code(), URLError::cancelled);
+    EXPECT_EQ(codeOf(neverResumed.error), URLError::cancelled);
 
     // A delegate that is gone is simply not called.
     auto shortLived = std::make_shared<Recorder>();
     auto session = URLSession::create(URLSessionConfiguration(), shortLived, shortLived->queue);
-    std::weak_ptr<Recorder> watch = shortLived;
     shortLived.reset();
-    EXPECT_TRUE(watch.expired());
     EXPECT_FALSE(session->delegate());
     EXPECT_TRUE(URLSession::create()->delegateQueue()->isSerial());  // made by the session
     auto task = session->dataTask(requestFor(s.server.url("/redirect")));  // the default follows

@@ -72,11 +72,10 @@ TEST(URLTest, AppendingPathComponentPutsExactlyOneSlashBetweenAndEncodesOutsideT
     };
     const Case cases[] = {
         {"https://h/", "a", "https://h/a"},       {"https://h", "a", "https://h/a"},
-        {"https://h", "/a", "https://h/a"},       {"https://h/x", "y", "https://h/x/y"},
-        {"https://h/x/", "y", "https://h/x/y"},   {"https://h/x", "/y", "https://h/x/y"},
-        {"https://h/x/", "/y", "https://h/x/y"},  {"https://h/x", "a/b", "https://h/x/a/b"},
-        {"https://h/x", "y/", "https://h/x/y/"},  {"https://h/x", "", "https://h/x/"},
-        {"https://h/x", "//y", "https://h/x//y"}, {"https://h/x?q=1#f", "y", "https://h/x/y?q=1#f"},
+        {"https://h/x", "y", "https://h/x/y"},    {"https://h/x/", "y", "https://h/x/y"},
+        {"https://h/x", "/y", "https://h/x/y"},   {"https://h/x/", "/y", "https://h/x/y"},
+        {"https://h/x", "a/b", "https://h/x/a/b"}, {"https://h/x", "y/", "https://h/x/y/"},
+        {"https://h/x", "", "https://h/x/"},      {"https://h/x", "//y", "https://h/x//y"},
         {"https://h#f", "y", "https://h/y#f"},    {"file:///tmp", "a b", "file:///tmp/a%20b"},
     };
     for (const Case& c : cases) {
@@ -99,7 +98,7 @@ TEST(URLTest, AppendingPathComponentPutsExactlyOneSlashBetweenAndEncodesOutsideT
     EXPECT_EQ(url("https://h/a%20b").appendingPathComponent("%20").absoluteString(), "https://h/a%20b/%2520");
 }
 
-TEST(URLComponentsTest, SetQueryItemsEncodesNamesAndValuesAlike) {
+TEST(URLComponentsTest, QueryItemsAreEncodedAlikeDecodedAndEverySetListReadsBack) {
     EXPECT_EQ(withQuery("https://h/x?old=1#frag", Items{{"q", "star wars"}, {"a&b", "c=d"}, {"flag", std::nullopt},
                                                         {"empty", ""}, {"#%+", "#%+"}}),
               "https://h/x?q=star%20wars&a%26b=c%3Dd&flag&empty=&%23%25+=%23%25+#frag");
@@ -114,20 +113,13 @@ TEST(URLComponentsTest, SetQueryItemsEncodesNamesAndValuesAlike) {
     EXPECT_EQ(components->percentEncodedQuery(), "a");
     components->setQueryItems(Items{{"k", "v w"}});
     EXPECT_EQ(components->percentEncodedQuery(), "k=v%20w");
-    const URL made = *components->url();
-    EXPECT_EQ(made.query(), "k=v%20w");
-    EXPECT_EQ(made.fragment(), "f");
-    EXPECT_EQ(made.path(), "/x");
-}
+    EXPECT_EQ(components->url()->query(), "k=v%20w");
 
-TEST(URLComponentsTest, QueryItemsSplitAndDecode) {
     EXPECT_FALSE(URLComponents::fromURL(url("https://h/x#a=b"))->queryItems().has_value());
     EXPECT_EQ(URLComponents::fromURL(url("https://h/x?"))->queryItems(), Items{});
     EXPECT_EQ(URLComponents::fromURL(url("https://h/?a=1&b&c=&d=x=y&&e=%41+%2b%zz%4#f=g"))->queryItems(),
               (Items{{"a", "1"}, {"b", std::nullopt}, {"c", ""}, {"d", "x=y"}, {"", std::nullopt}, {"e", "A++%zz%4"}}));
-}
-
-TEST(URLComponentsTest, EverySetListReadsBackTheSame) {
+    // Every list set reads back the same, also from the URL made of it.
     const Items lists[] = {
         {{"q", "star wars"}, {"page", "2"}},
         {{"", ""}, {"a", std::nullopt}, {"", std::nullopt}, {"=", "&"}},
@@ -135,11 +127,11 @@ TEST(URLComponentsTest, EverySetListReadsBackTheSame) {
         {{"ключ", "значение"}, {"emoji", "\xF0\x9F\x8E\xAC"}, {"\"<>`{}", "[\\]^|"}},
     };
     for (const Items& items : lists) {
-        auto components = URLComponents::fromURL(url("https://h/x?old#f"));
-        components->setQueryItems(items);
-        EXPECT_EQ(components->queryItems(), items);
-        const auto reparsed = URL::fromString(components->url()->absoluteString());
-        ASSERT_TRUE(reparsed.has_value()) << components->url()->absoluteString();
+        auto set = URLComponents::fromURL(url("https://h/x?old#f"));
+        set->setQueryItems(items);
+        EXPECT_EQ(set->queryItems(), items);
+        const auto reparsed = URL::fromString(set->url()->absoluteString());
+        ASSERT_TRUE(reparsed.has_value()) << set->url()->absoluteString();
         EXPECT_EQ(URLComponents::fromURL(*reparsed)->queryItems(), items);
     }
 }
@@ -190,9 +182,15 @@ TEST(URLRequestTest, DefaultsAndHeaderFields) {
 }
 
 TEST(URLRequestTest, CopiesAreIndependentWhicheverOfThemChanges) {
-    zul::URLRequest original(url("https://h/v1"));
-    original.setValue("1", "X-Id");
-    original.setHTTPBody(zul::dataFromString("body"));
+    const auto made = [] {
+        zul::URLRequest request(url("https://h/v1"));
+        request.setValue("1", "X-Id");
+        request.setHTTPBody(zul::dataFromString("body"));
+        return request;
+    };
+    const zul::URLRequest original = made();
+    // Made apart rather than copied, so that it shares nothing a faulty copy could change.
+    const zul::URLRequest before = made();
     const std::vector<std::pair<const char*, std::function<void(zul::URLRequest&)>>> changes = {
         {"url", [](zul::URLRequest& r) { r.setURL(url("https://h/v2")); }},
         {"method", [](zul::URLRequest& r) { r.setHTTPMethod("POST"); }},
@@ -202,16 +200,14 @@ TEST(URLRequestTest, CopiesAreIndependentWhicheverOfThemChanges) {
         {"timeout", [](zul::URLRequest& r) { r.setTimeoutInterval(5); }},
         {"cache", [](zul::URLRequest& r) { r.setCachePolicy(zul::URLRequestCachePolicy::returnCacheDataDontLoad); }},
     };
-    const zul::URLRequest before = original;
     for (const auto& [name, change] : changes) {
         zul::URLRequest copy = original;
         change(copy);
         EXPECT_NE(copy, original) << name;
         EXPECT_EQ(original, before) << name;
-        EXPECT_EQ(original.value("X-Id"), "1") << name;
-        // The other way round: the original changes, the copy keeps what it had.
-        zul::URLRequest kept = original;
+        // The other way round: the one copied from changes, its copy keeps what it had.
         zul::URLRequest changed = original;
+        zul::URLRequest kept = changed;
         change(changed);
         EXPECT_EQ(kept, before) << name;
     }
@@ -220,7 +216,6 @@ TEST(URLRequestTest, CopiesAreIndependentWhicheverOfThemChanges) {
     zul::URLRequest blank;
     zul::URLRequest filled = blank;
     filled.setURL(url("https://h/"));
-    EXPECT_FALSE(blank.url().has_value());
     EXPECT_EQ(blank, zul::URLRequest());
     zul::URLRequest moved = std::move(filled);
     EXPECT_EQ(moved.url(), url("https://h/"));

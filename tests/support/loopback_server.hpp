@@ -25,6 +25,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <list>
@@ -38,17 +39,18 @@
 
 namespace zul::test {
 
-/// A self-signed certificate for 127.0.0.1 (as its IP address) and its private key, in PEM.
-struct TLSIdentity {
-    std::string certificatePEM;
-    std::string privateKeyPEM;
-
-    /// A new P-256 key and a certificate for it valid for a day, usable as its own authority.
-    static TLSIdentity selfSigned() {
+/// A self-signed certificate for 127.0.0.1 (as its IP address), valid for a day and usable as its
+/// own authority, and its P-256 private key: PEM files in a temporary directory that goes with the
+/// object, for servers to present and clients told to trust it.
+class TLSIdentity {
+public:
+    TLSIdentity() {
         std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(EVP_EC_gen("P-256"), &EVP_PKEY_free);
         std::unique_ptr<X509, decltype(&X509_free)> certificate(X509_new(), &X509_free);
         X509* cert = certificate.get();
-        if (!key || cert == nullptr) throw std::runtime_error("TLSIdentity: cannot make a key");
+        char pattern[] = "/tmp/zul-tls-XXXXXX";
+        if (!key || cert == nullptr || ::mkdtemp(pattern) == nullptr) throw std::runtime_error("TLSIdentity: cannot make a key");
+        directory_ = pattern;
         X509_set_version(cert, 2);
         ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
         X509_gmtime_adj(X509_getm_notBefore(cert), -60);
@@ -69,15 +71,25 @@ struct TLSIdentity {
             X509_EXTENSION_free(extension);
         }
         if (X509_sign(cert, key.get(), EVP_sha256()) == 0) throw std::runtime_error("TLSIdentity: cannot sign");
-        auto pem = [](auto write) {
-            std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), &BIO_free);
-            write(bio.get());
-            char* data = nullptr;
-            return std::string(data, static_cast<std::size_t>(BIO_get_mem_data(bio.get(), &data)));
-        };
-        return {pem([&](BIO* bio) { PEM_write_bio_X509(bio, cert); }),
-                pem([&](BIO* bio) { PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr); })};
+        std::unique_ptr<BIO, decltype(&BIO_free)> certFile(BIO_new_file(certificatePath().c_str(), "w"), &BIO_free);
+        std::unique_ptr<BIO, decltype(&BIO_free)> keyFile(BIO_new_file(keyPath().c_str(), "w"), &BIO_free);
+        if (!certFile || !keyFile || PEM_write_bio_X509(certFile.get(), cert) == 0 ||
+            PEM_write_bio_PrivateKey(keyFile.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) == 0) {
+            throw std::runtime_error("TLSIdentity: cannot write " + directory_);
+        }
     }
+    ~TLSIdentity() {
+        std::error_code ignored;
+        std::filesystem::remove_all(directory_, ignored);
+    }
+    TLSIdentity(const TLSIdentity&) = delete;
+    TLSIdentity& operator=(const TLSIdentity&) = delete;
+
+    std::string certificatePath() const { return directory_ + "/cert.pem"; }
+    std::string keyPath() const { return directory_ + "/key.pem"; }
+
+private:
+    std::string directory_;
 };
 
 /// A TCP socket bound to an ephemeral port of 127.0.0.1 and its port; throws when none is free.
@@ -183,17 +195,8 @@ private:
     }
 
     static std::unique_ptr<Exposed<httplib::SSLServer>> makeTLSServer(const TLSIdentity& identity) {
-        auto bio = [](const std::string& pem) {
-            return std::unique_ptr<BIO, decltype(&BIO_free)>(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())),
-                                                             &BIO_free);
-        };
-        std::unique_ptr<X509, decltype(&X509_free)> certificate(
-            PEM_read_bio_X509(bio(identity.certificatePEM).get(), nullptr, nullptr, nullptr), &X509_free);
-        std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-            PEM_read_bio_PrivateKey(bio(identity.privateKeyPEM).get(), nullptr, nullptr, nullptr), &EVP_PKEY_free);
-        if (!certificate || !key) throw std::runtime_error("LoopbackServer: unreadable TLS identity");
-        // The server context takes references of its own.
-        auto server = std::make_unique<Exposed<httplib::SSLServer>>(certificate.get(), key.get());
+        auto server = std::make_unique<Exposed<httplib::SSLServer>>(identity.certificatePath().c_str(),
+                                                                     identity.keyPath().c_str());
         if (!server->is_valid()) throw std::runtime_error("LoopbackServer: TLS set-up failed");
         return server;
     }
@@ -241,30 +244,6 @@ private:
     std::mutex stopMutex_;
     std::condition_variable stopCondition_;
     bool stopping_ = false;
-};
-
-/// The certificate of a TLSIdentity in a temporary PEM file, for clients told to trust it; the
-/// file goes with the object.
-class CertificateFile {
-public:
-    explicit CertificateFile(const TLSIdentity& identity) {
-        char pattern[] = "/tmp/zul-ca-XXXXXX";
-        const int fd = ::mkstemp(pattern);
-        if (fd < 0) throw std::runtime_error("CertificateFile: mkstemp failed");
-        path_ = pattern;
-        const std::string& pem = identity.certificatePEM;
-        const bool written = ::write(fd, pem.data(), pem.size()) == static_cast<ssize_t>(pem.size());
-        ::close(fd);
-        if (!written) throw std::runtime_error("CertificateFile: write failed");
-    }
-    ~CertificateFile() { ::unlink(path_.c_str()); }
-    CertificateFile(const CertificateFile&) = delete;
-    CertificateFile& operator=(const CertificateFile&) = delete;
-
-    const std::string& path() const noexcept { return path_; }
-
-private:
-    std::string path_;
 };
 
 }  // namespace zul::test

@@ -4,22 +4,19 @@
 // tests that need a server speaking HTTP/2 (httplib speaks only HTTP/1.1). It runs in the
 // foreground as a child process of the test, in a directory of its own that goes with it.
 
-#include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
-#include <vector>
 
+#include "support/child_process.hpp"
 #include "support/loopback_server.hpp"
-
-extern char** environ;
+#include "support/wait.hpp"
 
 namespace zul::test {
 
@@ -28,14 +25,12 @@ public:
     /// Starts nginx with `locations` (directives inside its one `server` block) over TLS with
     /// `identity`. Throws when nginx is missing or does not come up.
     NginxServer(const TLSIdentity& identity, const std::string& locations) {
-        std::string binary = ::access("/usr/sbin/nginx", X_OK) == 0 ? "/usr/sbin/nginx" : "/usr/bin/nginx";
+        const std::string binary = ::access("/usr/sbin/nginx", X_OK) == 0 ? "/usr/sbin/nginx" : "/usr/bin/nginx";
         if (::access(binary.c_str(), X_OK) != 0) throw std::runtime_error("nginx is not installed (nginx-light)");
         char pattern[] = "/tmp/zul-nginx-XXXXXX";
         if (::mkdtemp(pattern) == nullptr) throw std::runtime_error("cannot make a directory for nginx");
         directory_ = pattern;
         std::filesystem::permissions(directory_, std::filesystem::perms(0755));  // readable by nginx's user
-        std::ofstream(directory_ / "cert.pem") << identity.certificatePEM;
-        std::ofstream(directory_ / "key.pem") << identity.privateKeyPEM;
         port_ = unusedLoopbackPort();
         const std::string dir = directory_.string();
         std::ofstream config(directory_ / "nginx.conf");
@@ -44,22 +39,20 @@ public:
         for (const char* temp : {"client_body", "proxy", "fastcgi", "uwsgi", "scgi"}) {
             config << "  " << temp << "_temp_path " << dir << "/" << temp << ";\n";
         }
-        config << "  server {\n    listen 127.0.0.1:" << port_ << " ssl http2;\n    ssl_certificate " << dir
-               << "/cert.pem;\n    ssl_certificate_key " << dir << "/key.pem;\n    " << locations << "\n  }\n}\n";
+        config << "  server {\n    listen 127.0.0.1:" << port_ << " ssl http2;\n    ssl_certificate "
+               << identity.certificatePath() << ";\n    ssl_certificate_key " << identity.keyPath() << ";\n    "
+               << locations << "\n  }\n}\n";
         config.close();
-        std::vector<std::string> arguments{binary, "-e", dir + "/error.log", "-p", dir, "-c", dir + "/nginx.conf"};
-        std::vector<char*> argv;
-        for (std::string& argument : arguments) argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        if (::posix_spawn(&pid_, binary.c_str(), nullptr, nullptr, argv.data(), environ) != 0) {
-            throw std::runtime_error("cannot start nginx");
-        }
-        // Up when it accepts a connection; gone if the process ended.
-        for (int attempt = 0; attempt < 200; ++attempt) {
-            if (::waitpid(pid_, nullptr, WNOHANG) == pid_) {
-                pid_ = -1;
-                throw std::runtime_error("nginx stopped at once; see " + arguments[2]);
-            }
+        process_ = std::make_unique<ChildProcess>(binary, std::vector<std::string>{"-e", dir + "/error.log", "-p", dir,
+                                                                                   "-c", dir + "/nginx.conf"});
+        // Up when it accepts a connection; gone if the process ended (left for ChildProcess to reap).
+        const auto exited = [this] {
+            siginfo_t info{};
+            return process_->pid() <= 0 ||
+                   (::waitid(P_PID, static_cast<id_t>(process_->pid()), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+                    info.si_pid == process_->pid());
+        };
+        const auto accepts = [this] {
             const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
             sockaddr_in address{};
             address.sin_family = AF_INET;
@@ -67,18 +60,16 @@ public:
             address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
             const bool up = ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
             ::close(fd);
-            if (up) return;
-            std::this_thread::sleep_for(std::chrono::milliseconds(25));
-        }
-        throw std::runtime_error("nginx did not come up on port " + std::to_string(port_));
+            return up;
+        };
+        const bool up = waitUntil([&] { return exited() || accepts(); }, std::chrono::seconds(5)) && !exited();
+        if (!up) throw std::runtime_error("nginx did not come up on port " + std::to_string(port_) + "; see " + dir);
     }
-
     ~NginxServer() {
-        if (pid_ > 0 && ::kill(pid_, SIGTERM) == 0) ::waitpid(pid_, nullptr, 0);
+        process_.reset();  // kills it
         std::error_code ignored;
         std::filesystem::remove_all(directory_, ignored);
     }
-
     NginxServer(const NginxServer&) = delete;
     NginxServer& operator=(const NginxServer&) = delete;
 
@@ -87,7 +78,7 @@ public:
 private:
     std::filesystem::path directory_;
     int port_ = 0;
-    pid_t pid_ = -1;
+    std::unique_ptr<ChildProcess> process_;
 };
 
 }  // namespace zul::test

@@ -61,7 +61,7 @@ void routes(httplib::Server& server) {
     });
 }
 
-TEST(ZulFetchTest, PrintsTheResponseAndReportsFailures) {
+TEST(ZulFetchTest, PrintsTheResponseAndReportsFailuresAndBadArguments) {
     zul::test::LoopbackServer server(routes);
 
     const ToolRun get = fetch({"-H", "X-Token: abc", server.url("/echo")});
@@ -89,9 +89,8 @@ TEST(ZulFetchTest, PrintsTheResponseAndReportsFailures) {
               (ToolRun{1, "", "zul fetch: request failed: requestTimeOut\n"}));
     EXPECT_EQ(fetch({"http://127.0.0.1:" + std::to_string(zul::test::unusedLoopbackPort()) + "/"}),
               (ToolRun{1, "", "zul fetch: request failed: cancelled\n"}));
-}
 
-TEST(ZulFetchTest, RefusesBadArguments) {
+    // Bad arguments.
     EXPECT_EQ(fetch({}).status, 2);
     EXPECT_EQ(fetch({"-H", "no colon", "http://127.0.0.1/"}).status, 2);
     EXPECT_EQ(fetch({"--timeout", "soon", "http://127.0.0.1/"}).status, 2);
