@@ -1,94 +1,108 @@
 #include "network/plugin_chains.hpp"
 
+#include <atomic>
 #include <utility>
 
 namespace zul::detail {
 
-std::shared_ptr<Future<Response>> networkModifyResponse(const PluginList& primary, const PluginList& secondary,
-                                                        const std::shared_ptr<const ServiceType>& service,
-                                                        PluginResult result) {
-    // 1. A future that already holds the task's result.
-    auto future = Future<Response>::create([&](const Future<Response>::Completion& complete) {
-        complete(std::move(result));
-    });
-    // 2. One step per plug-in: when the previous step resolves, its result goes through
-    //    prepareReceive, and what the plug-in hands back resolves this step.
-    for (const PluginList* list : {&primary, &secondary}) {
-        for (const std::shared_ptr<NetworkPluginType>& plugin : *list) {
-            auto previous = std::move(future);
-            future = Future<Response>::create([&](const Future<Response>::Completion& complete) {
-                previous->onResult([plugin, service, complete](const PluginResult& outcome) {
-                    plugin->prepareReceive(outcome, *service,
-                                           [complete](PluginResult modified) { complete(std::move(modified)); });
-                });
-            });
-        }
-    }
-    // 3. The last step is the chain's result.
-    return future;
-}
-
-std::shared_ptr<Future<Void>> makeFutureThatWrapsDidReceive(const std::shared_ptr<NetworkPluginType>& plugin,
-                                                            const Response& response,
-                                                            const std::shared_ptr<const ServiceType>& service) {
-    return Future<Void>::create([&](const Future<Void>::Completion& complete) {
-        plugin->didReceive(response, *service, [plugin, complete](bool invalid) {
-            if (invalid) {
-                complete(Future<Void>::Outcome::failure(NetworkRouterError::preventedByPlugin(plugin->name())));
-            } else {
-                complete(Future<Void>::Outcome::success(Void{}));
-            }
-        });
-    });
-}
-
 namespace {
 
-// Asks the plug-ins from `index` on (the primary list's, then the secondary's); each step starts
-// only when the one before it accepted.
-struct ValidationChain : std::enable_shared_from_this<ValidationChain> {
-    SharedPluginList primary;
-    SharedPluginList secondary;
-    Response response;
-    std::shared_ptr<const ServiceType> service;
-    UniqueFunction<void(std::optional<NetworkRouterError>, Response)> completion;
+// What every step of a chain needs: the plug-ins in order (global ones first), the service, and
+// one flag per plug-in so that only its first answer goes on, as only the first completion of a
+// future reaches the callbacks already waiting for it. Shared by the steps, because a plug-in may
+// answer after the call that asked it has returned.
+template <class Completion>
+struct Chain {
+    Chain(SharedPluginList primary_, SharedPluginList secondary_, std::shared_ptr<const ServiceType> service_,
+          Completion completion_)
+        : primary(std::move(primary_)),
+          secondary(std::move(secondary_)),
+          service(std::move(service_)),
+          completion(std::move(completion_)),
+          count(primary->size() + secondary->size()),
+          answered(new std::atomic<bool>[count]{}) {}
 
-    void ask(std::size_t index) {
+    const std::shared_ptr<NetworkPluginType>& plugin(std::size_t index) const {
         const std::size_t first = primary->size();
-        if (index == first + secondary->size()) {
-            completion(std::nullopt, std::move(response));
-            return;
-        }
-        const auto& plugin = index < first ? (*primary)[index] : (*secondary)[index - first];
-        makeFutureThatWrapsDidReceive(plugin, response, service)
-            ->onResult([self = shared_from_this(), index](const Future<Void>::Outcome& outcome) {
-                if (outcome.isFailure()) {
-                    const auto* error = outcome.error().as<NetworkRouterError>();
-                    self->completion(error != nullptr ? *error : NetworkRouterError::cancelled(),
-                                     std::move(self->response));
-                    return;
-                }
-                self->ask(index + 1);
-            });
+        return index < first ? (*primary)[index] : (*secondary)[index - first];
     }
+    // True the first time step `index` answers.
+    bool firstAnswer(std::size_t index) { return !answered[index].exchange(true, std::memory_order_acq_rel); }
+
+    const SharedPluginList primary;
+    const SharedPluginList secondary;
+    const std::shared_ptr<const ServiceType> service;
+    Completion completion;
+    const std::size_t count;
+    const std::unique_ptr<std::atomic<bool>[]> answered;
 };
+
+using ModifyChain = Chain<UniqueFunction<void(PluginResult)>>;
+
+// The response under validation stays here while the plug-ins look at it, one at a time.
+struct ValidationChain : Chain<UniqueFunction<void(std::optional<NetworkRouterError>, Response)>> {
+    using Chain::Chain;
+    Response response;
+};
+
+// Step `index` of the modification chain: the plug-in rewrites the previous step's output, and
+// its answer starts the next step on whichever thread gave it.
+void modifyStep(const std::shared_ptr<ModifyChain>& chain, std::size_t index, PluginResult result) {
+    if (index == chain->count) {
+        chain->completion(std::move(result));
+        return;
+    }
+    chain->plugin(index)->prepareReceive(std::move(result), *chain->service,
+                                         [chain, index](PluginResult modified) {
+                                             if (chain->firstAnswer(index)) modifyStep(chain, index + 1, std::move(modified));
+                                         });
+}
+
+// Step `index` of the validation chain: asked only when every plug-in before it accepted.
+void validationStep(const std::shared_ptr<ValidationChain>& chain, std::size_t index) {
+    if (index == chain->count) {
+        chain->completion(std::nullopt, std::move(chain->response));
+        return;
+    }
+    chain->plugin(index)->didReceive(chain->response, *chain->service, [chain, index](bool invalid) {
+        if (!chain->firstAnswer(index)) return;
+        if (invalid) {
+            chain->completion(NetworkRouterError::preventedByPlugin(chain->plugin(index)->name()),
+                              std::move(chain->response));
+        } else {
+            validationStep(chain, index + 1);
+        }
+    });
+}
 
 }  // namespace
 
-void findPluginThatInvalidatesResponse(Response response, const std::shared_ptr<const ServiceType>& service,
+void networkModifyResponse(SharedPluginList primary, SharedPluginList secondary,
+                           std::shared_ptr<const ServiceType> service, PluginResult result,
+                           UniqueFunction<void(PluginResult)> completion) {
+    // 1. With no plug-ins the task's result is the outcome, unchanged.
+    if (primary->empty() && secondary->empty()) {
+        completion(std::move(result));
+        return;
+    }
+    // 2. One step per plug-in, each fed the previous one's output; 3. the last output is the
+    //    chain's result.
+    auto chain = std::make_shared<ModifyChain>(std::move(primary), std::move(secondary), std::move(service),
+                                               std::move(completion));
+    modifyStep(chain, 0, std::move(result));
+}
+
+void findPluginThatInvalidatesResponse(Response response, std::shared_ptr<const ServiceType> service,
                                        SharedPluginList primary, SharedPluginList secondary,
                                        UniqueFunction<void(std::optional<NetworkRouterError>, Response)> completion) {
     if (primary->empty() && secondary->empty()) {
         completion(std::nullopt, std::move(response));
         return;
     }
-    auto chain = std::make_shared<ValidationChain>();
-    chain->primary = std::move(primary);
-    chain->secondary = std::move(secondary);
+    auto chain = std::make_shared<ValidationChain>(std::move(primary), std::move(secondary), std::move(service),
+                                                   std::move(completion));
     chain->response = std::move(response);
-    chain->service = service;
-    chain->completion = std::move(completion);
-    chain->ask(0);
+    validationStep(chain, 0);
 }
 
 std::optional<URLRequest> handleRedirect(const PluginList& primary, const PluginList& secondary,

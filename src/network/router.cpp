@@ -346,11 +346,11 @@ void NetworkRouter::postprocessResult(const std::shared_ptr<NetworkTask>& task, 
     const std::shared_ptr<const ServiceType>& service = task->sharedService();
 
     auto finish = [weakRouter = weak_from_this(), mailbox = mailbox_, globals, plugins = plugins_, task, behavior,
-                   completion](const PluginResult& modified) {
+                   completion](PluginResult modified) {
         if (modified.isSuccess()) {
             // 3. A response stands unless a plug-in rejects it.
             detail::findPluginThatInvalidatesResponse(
-                modified.value(), task->sharedService(), globals, plugins,
+                std::move(modified).value(), task->sharedService(), globals, plugins,
                 [mailbox, completion](std::optional<NetworkRouterError> rejection, Response response) {
                     if (rejection) {
                         deliver(mailbox, completion, RouterResult::failure(std::move(*rejection)));
@@ -368,14 +368,9 @@ void NetworkRouter::postprocessResult(const std::shared_ptr<NetworkTask>& task, 
         deliver(mailbox, completion, RouterResult::failure(std::move(error)));
     };
 
-    // 2. The plug-ins' receive chain. Without plug-ins it would hand back the result unchanged,
-    //    at once, so the futures are skipped.
-    if (globals->empty() && plugins_->empty()) {
-        finish(pluginResult);
-        return;
-    }
-    detail::networkModifyResponse(*globals, *plugins_, service, std::move(pluginResult))
-        ->onResult([finish = std::move(finish)](const PluginResult& modified) mutable { finish(modified); });
+    // 2. The plug-ins' receive chain; it goes on on the thread of the last plug-in's answer, at
+    //    once when they all answer at once.
+    detail::networkModifyResponse(globals, plugins_, service, std::move(pluginResult), std::move(finish));
 }
 
 // ---- resuming and cancelling ----

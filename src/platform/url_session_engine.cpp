@@ -4,13 +4,16 @@
 // Each round of the loop takes the queued commands, puts waiting tasks on the wire while there
 // is room, lets libcurl move bytes (`curl_multi_perform`), collects finished transfers, fails
 // timed-out ones, and posts everything it produced for the delegate as one batch; then it sleeps in
-// `curl_multi_poll` until a socket, a libcurl timer, a time-out deadline or `curl_multi_wakeup`
+// `curl_multi_poll` until a socket, a libcurl timer, a time-out deadline or its wake-up descriptor
 // (a new command) needs it.
 
 #include <algorithm>
 #include <cstdlib>
 
+#include <poll.h>
 #include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include "platform/url_session_engine.hpp"
 
@@ -58,6 +61,8 @@ URLSession::Engine::Engine(URLSessionConfiguration configuration_, std::weak_ptr
     maxPerHost_ = std::clamp<std::size_t>(configuration.httpMaximumConnectionsPerHost, 1, maxActive_);
     multi_ = curl_multi_init();
     if (multi_ == nullptr) fatalError("curl_multi_init failed");
+    wakeFd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wakeFd_ < 0) fatalError("cannot create a URL session's wake-up file descriptor");
     const long total = static_cast<long>(maxActive_);
     const long perHost = static_cast<long>(maxPerHost_);
     curl_multi_setopt(multi_, CURLMOPT_MAX_TOTAL_CONNECTIONS, total);
@@ -72,6 +77,7 @@ URLSession::Engine::~Engine() {
     if (thread_.joinable()) stop();
     for (auto& slot : slots_) curl_easy_cleanup(slot->easy);
     if (multi_ != nullptr) curl_multi_cleanup(multi_);
+    if (wakeFd_ >= 0) ::close(wakeFd_);
 }
 
 void URLSession::Engine::start(const std::weak_ptr<URLSession>& session) {
@@ -135,9 +141,15 @@ void URLSession::Engine::post(Command command) {
         wakePending_ = true;  // the new thread takes the commands before it first sleeps
         return;
     }
-    // One wake-up per batch of commands: the thread takes them all at once. Under the lock, so
-    // that the thread, once it has seen the shutdown, can tear the multi handle down safely.
-    if (!std::exchange(wakePending_, true)) curl_multi_wakeup(multi_);
+    // One wake-up per batch of commands: the thread takes them all at once and clears the flag
+    // as it does, under the same lock.
+    if (!std::exchange(wakePending_, true)) wake();
+}
+
+void URLSession::Engine::wake() noexcept {
+    const std::uint64_t one = 1;
+    // Fails only when the counter is about to overflow, and then the thread is awake anyway.
+    [[maybe_unused]] const ssize_t written = ::write(wakeFd_, &one, sizeof one);
 }
 
 void URLSession::Engine::resume(URLSessionTask::State& state) {
@@ -200,7 +212,12 @@ void URLSession::Engine::run() {
         constexpr int multiplexedPollMs = 50;
         int wait = millisecondsUntil(nextIdleCheck_, now_);
         if (multiplexCandidates_ > 0) wait = std::min(wait, multiplexedPollMs);
-        curl_multi_poll(multi_, nullptr, 0, wait, nullptr);
+        curl_waitfd wakeUp{wakeFd_, CURL_WAIT_POLLIN, 0};
+        curl_multi_poll(multi_, &wakeUp, 1, wait, nullptr);
+        if ((wakeUp.revents & CURL_WAIT_POLLIN) != 0) {
+            std::uint64_t count = 0;
+            [[maybe_unused]] const ssize_t drained = ::read(wakeFd_, &count, sizeof count);
+        }
     }
     // Shutting down: every task has been told it was cancelled. The waiting lines may still
     // list some of them (cancelled tasks leave the line when it is next walked); they hold the
@@ -208,8 +225,7 @@ void URLSession::Engine::run() {
     channel_->post(batch_);
     ready_.clear();
     hosts_.clear();
-    // No command can wake the multi handle any more: post() refuses them after the shutdown,
-    // whose own wake-up happened under the lock before this thread could take it. Close the
+    // No command can arrive any more: post() refuses them after the shutdown. Close the
     // connections now rather than when the last task lets go of the engine.
     for (auto& slot : slots_) curl_easy_cleanup(slot->easy);
     slots_.clear();

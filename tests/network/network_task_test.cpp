@@ -121,28 +121,46 @@ TEST(PluginChainTest, ResponsesFlowThroughEveryPluginInOrder) {
     auto service = std::make_shared<LocalService>("http://h/", "");
     const Response ok{200, {}, nullptr, zul::URLRequest()};
 
-    // No plug-ins: the result unchanged.
-    auto unchanged = zul::detail::networkModifyResponse({}, {}, service, PluginResult::success(ok));
+    using zul::detail::PluginList;
+    const auto list = [](PluginList plugins) { return std::make_shared<const PluginList>(std::move(plugins)); };
+
+    // No plug-ins: the result unchanged, at once.
     std::optional<PluginResult> seen;
-    unchanged->onResult([&](const PluginResult& r) { seen = r; });
+    zul::detail::networkModifyResponse(list({}), list({}), service, PluginResult::success(ok),
+                                       [&](PluginResult r) { seen = std::move(r); });
     ASSERT_TRUE(seen && seen->isSuccess());
 
-    // A failure made by the first plug-in reaches the second, which repairs it asynchronously.
+    // A failure made by the first plug-in reaches the second, which repairs it asynchronously;
+    // the chain goes on on the repairing thread.
     first->delays = 1;
-    auto repaired = zul::detail::networkModifyResponse({first}, {std::make_shared<AsyncRepair>()}, service,
-                                                       PluginResult::success(ok));
     std::atomic<int> status{0};
-    repaired->onResult([&](const PluginResult& r) { status = r.isSuccess() ? int(r.value().statusCode) : -1; });
+    zul::detail::networkModifyResponse(list({first}), list({std::make_shared<AsyncRepair>()}), service,
+                                       PluginResult::success(ok), [&](PluginResult r) {
+                                           status = r.isSuccess() ? int(r.value().statusCode) : -1;
+                                       });
     ASSERT_TRUE(zul::test::waitUntil([&] { return status != 0; }));
     EXPECT_EQ(status, 299);
 
+    // A plug-in that answers twice: only its first answer goes on.
+    class TwiceAnswering final : public zul::NetworkPluginType {
+    public:
+        void prepareReceive(PluginResult, const zul::ServiceType&,
+                            zul::UniqueFunction<void(PluginResult)> completion) override {
+            completion(PluginResult::success(Response{201, {}, nullptr, URLRequest()}));
+            completion(PluginResult::success(Response{202, {}, nullptr, URLRequest()}));
+        }
+    };
+    std::vector<std::int64_t> outcomes;
+    zul::detail::networkModifyResponse(list({std::make_shared<TwiceAnswering>()}), list({}), service,
+                                       PluginResult::success(ok),
+                                       [&](PluginResult r) { outcomes.push_back(r.value().statusCode); });
+    EXPECT_EQ(outcomes, std::vector<std::int64_t>{201});
+
     // Validation stops at the first plug-in that rejects; the response comes back with the verdict.
-    using zul::detail::PluginList;
     const auto validate = [&] {
         std::optional<std::pair<std::optional<zul::NetworkRouterError>, Response>> verdict;
         zul::detail::findPluginThatInvalidatesResponse(
-            ok, service, std::make_shared<const PluginList>(PluginList{first}),
-            std::make_shared<const PluginList>(PluginList{second}),
+            ok, service, list({first}), list({second}),
             [&](std::optional<zul::NetworkRouterError> e, Response back) { verdict.emplace(e, std::move(back)); });
         return verdict.value();  // answered synchronously by these plug-ins
     };
