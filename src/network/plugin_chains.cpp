@@ -8,9 +8,10 @@ namespace zul::detail {
 namespace {
 
 // What every step of a chain needs: the plug-ins in order (global ones first), the service, and
-// one flag per plug-in so that only its first answer goes on, as only the first completion of a
-// future reaches the callbacks already waiting for it. Shared by the steps, because a plug-in may
-// answer after the call that asked it has returned.
+// the step whose answer is awaited. Steps run one after another, so a plug-in's answer goes on
+// only while its step is the awaited one: only its first answer counts, as only the first
+// completion of a future reaches the callbacks already waiting for it. Shared by the steps,
+// because a plug-in may answer after the call that asked it has returned.
 template <class Completion>
 struct Chain {
     Chain(SharedPluginList primary_, SharedPluginList secondary_, std::shared_ptr<const ServiceType> service_,
@@ -19,22 +20,23 @@ struct Chain {
           secondary(std::move(secondary_)),
           service(std::move(service_)),
           completion(std::move(completion_)),
-          count(primary->size() + secondary->size()),
-          answered(new std::atomic<bool>[count]{}) {}
+          count(primary->size() + secondary->size()) {}
 
     const std::shared_ptr<NetworkPluginType>& plugin(std::size_t index) const {
         const std::size_t first = primary->size();
         return index < first ? (*primary)[index] : (*secondary)[index - first];
     }
-    // True the first time step `index` answers.
-    bool firstAnswer(std::size_t index) { return !answered[index].exchange(true, std::memory_order_acq_rel); }
+    // True the first time step `index` answers; the next step is then the awaited one.
+    bool firstAnswer(std::size_t index) {
+        return awaited.compare_exchange_strong(index, index + 1, std::memory_order_acq_rel);
+    }
 
     const SharedPluginList primary;
     const SharedPluginList secondary;
     const std::shared_ptr<const ServiceType> service;
     Completion completion;
     const std::size_t count;
-    const std::unique_ptr<std::atomic<bool>[]> answered;
+    std::atomic<std::size_t> awaited{0};
 };
 
 using ModifyChain = Chain<UniqueFunction<void(PluginResult)>>;
