@@ -1,9 +1,11 @@
 // The monitors behind `synced`: one recursive mutex per object in use, found by the object's
 // address. Monitors live in 64 shards, each a short list searched linearly; a monitor nobody
 // holds or waits for is reused for the next object hashed to its shard, so steady use allocates
-// nothing.
+// nothing. Entering takes the shard's lock to find or claim a monitor; leaving only counts the
+// thread out, without it, so that a monitor's user pays for one shard lock, not two.
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -15,7 +17,10 @@ namespace zul::detail {
 
 struct Monitor {
     const void* key = nullptr;
-    std::size_t users = 0;  // threads holding or waiting for `mutex`; guarded by the shard
+    // Threads holding or waiting for `mutex`. Raised under the shard's lock, lowered without it;
+    // only a monitor seen at zero under the shard's lock changes `key`, so a count that drops
+    // while the shard is searched is harmless.
+    std::atomic<std::size_t> users{0};
     std::recursive_mutex mutex;
 };
 
@@ -45,11 +50,12 @@ Monitor* enterMonitor(const void* key) {
         std::lock_guard lock(shard.mutex);
         Monitor* unused = nullptr;
         for (auto& candidate : shard.monitors) {
-            if (candidate->users > 0 && candidate->key == key) {
+            const bool inUse = candidate->users.load(std::memory_order_acquire) > 0;
+            if (inUse && candidate->key == key) {
                 monitor = candidate.get();
                 break;
             }
-            if (candidate->users == 0 && unused == nullptr) unused = candidate.get();
+            if (!inUse && unused == nullptr) unused = candidate.get();
         }
         if (monitor == nullptr) {
             if (unused == nullptr) {
@@ -59,7 +65,7 @@ Monitor* enterMonitor(const void* key) {
             monitor = unused;
             monitor->key = key;
         }
-        ++monitor->users;
+        monitor->users.fetch_add(1, std::memory_order_relaxed);
     }
     monitor->mutex.lock();
     return monitor;
@@ -67,9 +73,7 @@ Monitor* enterMonitor(const void* key) {
 
 void exitMonitor(Monitor* monitor) noexcept {
     monitor->mutex.unlock();
-    Shard& shard = shardFor(monitor->key);
-    std::lock_guard lock(shard.mutex);
-    --monitor->users;
+    monitor->users.fetch_sub(1, std::memory_order_release);
 }
 
 }  // namespace zul::detail

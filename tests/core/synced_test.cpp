@@ -37,17 +37,24 @@ TEST(SyncedTest, NestsOnOneThreadAndReleasesWhenTheClosureThrows) {
 }
 
 TEST(SyncedTest, CallsOnOneObjectExcludeEachOther) {
-    struct Table {
-        long count = 0;
-    } table;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 20000; ++i) zul::synced(&table, [&] { ++table.count; });
-        });
+    // One object, and then many: with more objects than shards, monitors are let go and claimed
+    // again for other objects all the time, and each object must still have one at a time.
+    for (const std::size_t objectCount : {std::size_t{1}, std::size_t{300}}) {
+        std::vector<long> counts(objectCount, 0);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t) {
+            threads.emplace_back([&, t] {
+                for (int i = 0; i < 20000; ++i) {
+                    long& count = counts[(static_cast<std::size_t>(i) * 7 + static_cast<std::size_t>(t)) % objectCount];
+                    zul::synced(&count, [&] { ++count; });
+                }
+            });
+        }
+        for (auto& thread : threads) thread.join();
+        long total = 0;
+        for (const long count : counts) total += count;
+        EXPECT_EQ(total, 80000) << objectCount << " objects";
     }
-    for (auto& thread : threads) thread.join();
-    EXPECT_EQ(table.count, 80000);
 }
 
 TEST(SyncedTest, DistinctObjectsHaveDistinctMonitors) {
