@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -453,10 +452,7 @@ void URLSession::Engine::checkIdle() {
     for (std::size_t i = 0; i < active_.size();) {
         TransferSlot& slot = *active_[i];
         if (now_ >= slot.resourceDeadline) {
-            URLSessionTask::State& state = *slot.state;
-            std::shared_ptr<URLSessionTask> task = std::move(slot.task);
-            releaseSlot(slot);  // moves the last active slot into position i
-            complete(std::move(task), state, URLError(URLError::timedOut, "the resource time-out has passed"));
+            timeOut(slot, "the resource time-out has passed");
             continue;
         }
         if (now_ - slot.lastActivity >= slot.idleTimeout) {
@@ -466,18 +462,21 @@ void URLSession::Engine::checkIdle() {
                 slot.uploaded = uploaded;
                 slot.lastActivity = now_;
             } else {
-                URLSessionTask::State& state = *slot.state;
-                std::shared_ptr<URLSessionTask> task = std::move(slot.task);
-                const auto seconds = slot.idleTimeout.count();
-                releaseSlot(slot);  // moves the last active slot into position i
-                complete(std::move(task), state,
-                         URLError(URLError::timedOut, "no bytes moved for " + std::to_string(seconds) + " seconds"));
+                timeOut(slot, "no bytes moved for " + std::to_string(slot.idleTimeout.count()) + " seconds");
                 continue;
             }
         }
         nextIdleCheck_ = std::min({nextIdleCheck_, slot.lastActivity + slot.idleTimeout, slot.resourceDeadline});
         ++i;
     }
+}
+
+// Ends an active transfer with a time-out; the last active slot moves into its place.
+void URLSession::Engine::timeOut(TransferSlot& slot, std::string message) {
+    URLSessionTask::State& state = *slot.state;
+    std::shared_ptr<URLSessionTask> task = std::move(slot.task);
+    releaseSlot(slot);
+    complete(std::move(task), state, URLError(URLError::timedOut, std::move(message)));
 }
 
 // One didReceive per task per round, with everything that arrived for it in the round.

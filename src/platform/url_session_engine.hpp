@@ -253,6 +253,7 @@ private:
     void cancelAll();
     void complete(std::shared_ptr<URLSessionTask> task, URLSessionTask::State& state, std::optional<URLError> error);
     void checkIdle();
+    void timeOut(TransferSlot& slot, std::string message);
     void flushReceived();
     void maybeBecomeInvalid();
 
