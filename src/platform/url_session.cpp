@@ -12,7 +12,9 @@ URLSessionTask::State::State(std::shared_ptr<URLSession::Engine> engine_, URLReq
     : engine(std::move(engine_)),
       currentRequest(std::move(request)),
       completion(std::move(completion_)),
-      hasCompletionHandler(static_cast<bool>(completion)) {}
+      hasCompletionHandler(static_cast<bool>(completion)) {
+    publishedHead.reserve(engine->headReserve());
+}
 
 URLSessionTask::State::~State() { engine->unregisterTask(*this); }
 

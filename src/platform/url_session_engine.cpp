@@ -278,7 +278,7 @@ void URLSession::Engine::begin(std::shared_ptr<URLSessionTask> task, URLSessionT
     slot.uploaded = 0;
     state.slot = &slot;
     state.status = 0;
-    state.head.clear();
+    slot.head.clear();
     state.headHasLocation = false;
     state.headersComplete = false;
     state.holdingRedirect = false;

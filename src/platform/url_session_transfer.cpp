@@ -74,7 +74,8 @@ TransferSlot& URLSession::Engine::acquireSlot() {
     } else {
         auto made = std::make_unique<TransferSlot>();
         made->easy = curl_easy_init();
-        if (made->easy == nullptr) fatalError("curl_easy_init failed");
+        made->url = curl_url();
+        if (made->easy == nullptr || made->url == nullptr) fatalError("curl_easy_init failed");
         made->engine = this;
         slot = made.get();
         slots_.push_back(std::move(made));
@@ -90,6 +91,7 @@ void URLSession::Engine::setSharedOptions(TransferSlot& slot) {
     CURL* easy = slot.easy;
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(easy, CURLOPT_PRIVATE, static_cast<void*>(&slot));
+    curl_easy_setopt(easy, CURLOPT_CURLU, slot.url);
     curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, slot.errorText);
     curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Engine::onHeader);
@@ -156,7 +158,17 @@ std::optional<URLError> URLSession::Engine::configure(TransferSlot& slot, URLSes
     }
 
     CURL* easy = slot.easy;
-    curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+    if (slot.urlText != url) {
+        // Emptied first: a handle that holds a URL would resolve the new text against it.
+        curl_url_set(slot.url, CURLUPART_URL, nullptr, 0);
+        const CURLUcode parsed = curl_url_set(slot.url, CURLUPART_URL, url.c_str(), CURLU_NON_SUPPORT_SCHEME);
+        if (parsed != CURLUE_OK) {
+            slot.urlText.clear();
+            return URLError(parsed == CURLUE_OUT_OF_MEMORY ? URLError::unknown : URLError::badURL,
+                            curl_url_strerror(parsed));
+        }
+        slot.urlText = url;
+    }
     // Options a handle keeps from its previous transfer are set only when they change.
     // Over TLS, wait for a connection that may turn out to multiplex instead of opening another.
     if (slot.mayMultiplex != https) curl_easy_setopt(easy, CURLOPT_PIPEWAIT, https ? 1L : 0L);
@@ -262,10 +274,7 @@ std::size_t URLSession::Engine::onHeader(char* buffer, std::size_t size, std::si
             const std::string_view code = line.substr(space + 1, 3);
             std::from_chars(code.data(), code.data() + code.size(), state.status);
         }
-        state.head.clear();
-        // Room for a typical head at once, rather than growing it line by line.
-        constexpr std::size_t typicalHead = 512;
-        state.head.reserve(typicalHead);
+        slot.head.clear();
         state.headHasLocation = false;
         state.headersComplete = false;
         return length;
@@ -275,8 +284,15 @@ std::size_t URLSession::Engine::onHeader(char* buffer, std::size_t size, std::si
         if (state.status >= 100 && state.status < 200) return length;  // interim; the real one follows
         state.headersComplete = true;
         state.holdingRedirect = detail::isRedirectStatus(state.status) && state.headHasLocation;
+        Engine& engine = *slot.engine;
+        // Tasks made from now on reserve room for a head like this one (bounded, so that one
+        // huge head does not cost every later task).
+        constexpr std::size_t largestReserve = 4096;
+        if (slot.head.size() > engine.headReserve() && slot.head.size() <= largestReserve) {
+            engine.headReserve_.store(slot.head.size(), std::memory_order_relaxed);
+        }
         const std::lock_guard lock(state.mutex);
-        state.publishedHead.swap(state.head);
+        state.publishedHead.assign(slot.head);
         state.publishedStatus = state.status;
         state.headPublished = true;
         state.response.reset();
@@ -288,9 +304,9 @@ std::size_t URLSession::Engine::onHeader(char* buffer, std::size_t size, std::si
         state.headHasLocation = true;
     }
     // Kept as it came, line end and all: the parser trims it, and this runs for every line of
-    // every response.
-    state.head.append(buffer, length);
-    if (buffer[length - 1] != '\n') state.head += '\n';
+    // every response. The slot's buffer keeps its storage from one transfer to the next.
+    slot.head.append(buffer, length);
+    if (buffer[length - 1] != '\n') slot.head += '\n';
     return length;
 }
 
