@@ -2,7 +2,9 @@
 // address. Monitors live in 64 shards, each a short list searched linearly; a monitor nobody
 // holds or waits for is reused for the next object hashed to its shard, so steady use allocates
 // nothing. Entering takes the shard's lock to find or claim a monitor; leaving only counts the
-// thread out, without it, so that a monitor's user pays for one shard lock, not two.
+// thread out, without it, so that a monitor's user pays for one shard lock, not two. An object
+// that takes its monitor on every call may hold it claimed for its whole life (HeldMonitor) and
+// skip the shard altogether.
 
 #include <array>
 #include <atomic>
@@ -43,7 +45,7 @@ Shard& shardFor(const void* key) {
 
 }  // namespace
 
-Monitor* enterMonitor(const void* key) {
+Monitor* claimMonitor(const void* key) {
     Shard& shard = shardFor(key);
     Monitor* monitor = nullptr;
     {
@@ -67,13 +69,24 @@ Monitor* enterMonitor(const void* key) {
         }
         monitor->users.fetch_add(1, std::memory_order_relaxed);
     }
+    return monitor;
+}
+
+void releaseMonitor(Monitor* monitor) noexcept { monitor->users.fetch_sub(1, std::memory_order_release); }
+
+void lockMonitor(Monitor* monitor) { monitor->mutex.lock(); }
+
+void unlockMonitor(Monitor* monitor) noexcept { monitor->mutex.unlock(); }
+
+Monitor* enterMonitor(const void* key) {
+    Monitor* monitor = claimMonitor(key);
     monitor->mutex.lock();
     return monitor;
 }
 
 void exitMonitor(Monitor* monitor) noexcept {
     monitor->mutex.unlock();
-    monitor->users.fetch_sub(1, std::memory_order_release);
+    releaseMonitor(monitor);
 }
 
 }  // namespace zul::detail

@@ -34,6 +34,11 @@ URLRequest NetworkTask::request() const {
     return request_;
 }
 
+URLRequest NetworkTask::takeRequest() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(request_, URLRequest());
+}
+
 void NetworkTask::setRequest(URLRequest request) {
     std::lock_guard lock(mutex_);
     request_ = std::move(request);

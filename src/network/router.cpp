@@ -60,10 +60,13 @@ std::optional<std::string> HTTPRouter::post(URL url, std::optional<Data> data, N
 namespace {
 
 // Copy on write: a request takes a snapshot with one reference count, and adding a plug-in
-// never disturbs a chain that is running.
+// never disturbs a chain that is running. Every request reads the list twice, on the caller's
+// thread and on the delegate queue, while it changes perhaps once per process: each thread keeps
+// the snapshot it read last and takes the lock again only when the version has moved.
 struct GlobalPlugins {
     std::mutex mutex;
     std::shared_ptr<const detail::PluginList> list = std::make_shared<const detail::PluginList>();
+    std::atomic<std::uint64_t> version{1};  // raised, under `mutex`, with every change of `list`
 };
 
 GlobalPlugins& globalPluginStore() {
@@ -72,9 +75,18 @@ GlobalPlugins& globalPluginStore() {
 }
 
 std::shared_ptr<const detail::PluginList> globalPlugins() {
+    struct Snapshot {
+        std::uint64_t version = 0;
+        std::shared_ptr<const detail::PluginList> list;
+    };
+    thread_local Snapshot snapshot;
     GlobalPlugins& store = globalPluginStore();
-    std::lock_guard lock(store.mutex);
-    return store.list;
+    if (snapshot.version != store.version.load(std::memory_order_acquire)) {
+        std::lock_guard lock(store.mutex);
+        snapshot.list = store.list;
+        snapshot.version = store.version.load(std::memory_order_relaxed);
+    }
+    return snapshot.list;
 }
 
 // How the router reports a failed task or a plug-in's failure.
@@ -100,6 +112,7 @@ void NetworkRouter::addGlobalPlugin(std::shared_ptr<NetworkPluginType> plugin) {
     auto next = std::make_shared<detail::PluginList>(*store.list);
     next->push_back(std::move(plugin));
     store.list = std::move(next);
+    store.version.fetch_add(1, std::memory_order_release);
 }
 
 // ---- construction ----
@@ -167,7 +180,8 @@ private:
 
 NetworkRouter::NetworkRouter(PrivateTag, std::shared_ptr<const NetworkEnvironment> environment, PluginList plugins,
                              URLSessionConfiguration configuration)
-    : environment_(std::move(environment)),
+    : monitor_(static_cast<const void*>(this)),
+      environment_(std::move(environment)),
       plugins_(std::make_shared<const PluginList>(std::move(plugins))),
       configuration_(std::move(configuration)),
       queue_(DispatchQueue::create("dev.zul.network.router.delegate.queue")),
@@ -176,7 +190,7 @@ NetworkRouter::NetworkRouter(PrivateTag, std::shared_ptr<const NetworkEnvironmen
 NetworkRouter::~NetworkRouter() {
     std::vector<std::unique_ptr<DelayedTaskData>> parked;
     std::vector<std::shared_ptr<NetworkTask>> running;
-    synced(this, [&] {
+    monitor_.run([&] {
         parked.swap(delayed_);
         running.swap(requests_);
     });
@@ -193,23 +207,23 @@ URLSession& NetworkRouter::session() {
 
 std::optional<HeaderMap> NetworkRouter::customHeaders() const {
     std::optional<HeaderMap> headers;
-    synced(this, [&] { headers = customHeaders_; });
+    monitor_.run([&] { headers = customHeaders_; });
     return headers;
 }
 
 void NetworkRouter::setCustomHeaders(std::optional<HeaderMap> headers) {
-    synced(this, [&] { customHeaders_ = std::move(headers); });
+    monitor_.run([&] { customHeaders_ = std::move(headers); });
 }
 
 std::size_t NetworkRouter::runningRequestCount() const {
     std::size_t count = 0;
-    synced(this, [&] { count = requests_.size(); });
+    monitor_.run([&] { count = requests_.size(); });
     return count;
 }
 
 std::size_t NetworkRouter::parkedRequestCount() const {
     std::size_t count = 0;
-    synced(this, [&] { count = delayed_.size(); });
+    monitor_.run([&] { count = delayed_.size(); });
     return count;
 }
 
@@ -267,14 +281,16 @@ std::optional<std::string> NetworkRouter::request(ServicePointer service, StubBe
         });
 
     // 3. Register it.
-    synced(this, [&] { requests_.push_back(task); });
+    monitor_.run([&] { requests_.push_back(task); });
 
     // 4. Kept suspended by the service or by the router?
     const bool suspended = service->keepSuspended() || keepSuspended();
 
     if (!suspended) {
-        // 5. Let the plug-ins veto or rewrite it. A refused task stays registered, never started.
-        Result<URLRequest, NetworkRouterError> prepared = preprocessedRequest(task->request(), *service);
+        // 5. Let the plug-ins veto or rewrite it. A refused task stays registered, never started
+        //    (and nothing reads its request again). The request is taken out of the task for this,
+        //    so that the first plug-in that changes it does not copy it first.
+        Result<URLRequest, NetworkRouterError> prepared = preprocessedRequest(task->takeRequest(), *service);
         if (prepared.isFailure()) {
             deliver(completion, RouterResult::failure(prepared.error()));
             return std::nullopt;
@@ -322,7 +338,7 @@ Result<URLRequest, NetworkRouterError> NetworkRouter::preprocessedRequest(URLReq
 
 void NetworkRouter::park(std::shared_ptr<NetworkTask> task, StubBehavior behavior, SharedCompletion completion) {
     auto entry = std::make_unique<DelayedTaskData>(DelayedTaskData{std::move(task), behavior, std::move(completion)});
-    synced(this, [&] { delayed_.push_back(std::move(entry)); });
+    monitor_.run([&] { delayed_.push_back(std::move(entry)); });
 }
 
 // ---- finishing ----
@@ -331,7 +347,7 @@ void NetworkRouter::taskFinished(NetworkTask& finished, NetworkTask::TaskResult 
                                  const SharedCompletion& completion) {
     std::shared_ptr<NetworkTask> task = finished.shared_from_this();
     // Tokens are unique to their task, so the task itself is what to look for.
-    synced(this, [&] {
+    monitor_.run([&] {
         std::erase_if(requests_, [&](const std::shared_ptr<NetworkTask>& candidate) { return candidate == task; });
     });
     postprocessResult(task, std::move(result), behavior, completion);
@@ -383,7 +399,7 @@ void NetworkRouter::resume(const std::vector<std::string>& tokens) {
     };
     // 1. Take the parked entries with these tokens, in parking order.
     std::vector<std::unique_ptr<DelayedTaskData>> taken;
-    synced(this, [&] {
+    monitor_.run([&] {
         auto keep = std::stable_partition(delayed_.begin(), delayed_.end(),
                                           [&](const auto& entry) { return !wanted(entry->task->token()); });
         std::move(keep, delayed_.end(), std::back_inserter(taken));
@@ -403,16 +419,16 @@ void NetworkRouter::resume(const std::vector<std::string>& tokens) {
         // an immediate answer finds it and takes it off the list again.
         if (entry->behavior.kind() == StubBehavior::Kind::never) {
             task.setTask(session().dataTask(task.request()));
-            synced(this, [&] { requests_.push_back(entry->task); });
+            monitor_.run([&] { requests_.push_back(entry->task); });
         } else {
-            synced(this, [&] { requests_.push_back(entry->task); });
+            monitor_.run([&] { requests_.push_back(entry->task); });
             task.start(entry->behavior, session(), false);
         }
     }
 
     // 5. Put the suspended transfers of these tokens on the wire.
     std::vector<std::shared_ptr<NetworkTask>> toResume;
-    synced(this, [&] {
+    monitor_.run([&] {
         for (const std::shared_ptr<NetworkTask>& task : requests_) {
             if (wanted(task->token())) toResume.push_back(task);
         }
@@ -422,7 +438,7 @@ void NetworkRouter::resume(const std::vector<std::string>& tokens) {
 
 void NetworkRouter::cancel(const std::string& token) {
     std::shared_ptr<NetworkTask> found;
-    synced(this, [&] {
+    monitor_.run([&] {
         auto it = std::find_if(requests_.begin(), requests_.end(),
                                [&](const std::shared_ptr<NetworkTask>& task) { return task->token() == token; });
         if (it == requests_.end()) return;
@@ -433,7 +449,7 @@ void NetworkRouter::cancel(const std::string& token) {
 }
 
 void NetworkRouter::cancelAllRequests() {
-    synced(this, [&] {
+    monitor_.run([&] {
         for (const std::shared_ptr<NetworkTask>& task : requests_) task->cancel();
         requests_.clear();
     });
@@ -443,7 +459,7 @@ void NetworkRouter::cancelAllRequests() {
 
 std::shared_ptr<NetworkTask> NetworkRouter::findTask(const URLSessionTask& transfer) const {
     std::shared_ptr<NetworkTask> found;
-    synced(this, [&] {
+    monitor_.run([&] {
         for (const std::shared_ptr<NetworkTask>& task : requests_) {
             if (task->owns(transfer)) {
                 found = task;

@@ -57,6 +57,36 @@ TEST(SyncedTest, CallsOnOneObjectExcludeEachOther) {
     }
 }
 
+TEST(SyncedTest, AHeldMonitorIsTheObjectsOwnMonitor) {
+    // Threads entering through `synced` and through a held monitor exclude each other, while
+    // other objects come and go through the same shards; the same thread nests either way.
+    long count = 0;
+    const zul::detail::HeldMonitor held(&count);
+    std::vector<long> others(300, 0);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 20000; ++i) {
+                if (t % 2 == 0) {
+                    zul::synced(&count, [&] { ++count; });
+                } else {
+                    held.run([&] { ++count; });
+                }
+                long& other = others[(static_cast<std::size_t>(i) * 7 + static_cast<std::size_t>(t)) % others.size()];
+                zul::synced(&other, [&] { ++other; });
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(count, 80000);
+
+    held.run([&] { zul::synced(&count, [&] { held.run([&] { count = 0; }); }); });
+    EXPECT_EQ(count, 0);
+    EXPECT_THROW(held.run([] { throw std::runtime_error("x"); }), std::runtime_error);
+    std::thread([&] { zul::synced(&count, [&] { count = 1; }); }).join();  // released after the throw
+    EXPECT_EQ(count, 1);
+}
+
 TEST(SyncedTest, DistinctObjectsHaveDistinctMonitors) {
     // Many objects in use at once, so that several share a shard of the monitor table.
     std::vector<int> objects(200);

@@ -207,6 +207,17 @@ TEST_F(RouterTest, GlobalPluginsActBeforeRouterPluginsInEveryHook) {
                                  "G.willTransmit", "R.willTransmit", "G.prepareTransmit", "R.prepareTransmit",
                                  "G.handleRedirect 302", "R.handleRedirect 302", "G.prepareReceive",
                                  "R.prepareReceive", "G.didReceive", "R.didReceive"}));
+
+    // A global plug-in added while routers are in use acts on the next request, on the sending
+    // thread and on the delegate queue alike, after the ones added before it.
+    log.clear();
+    auto late = std::make_shared<ProbePlugin>("L", log, true);
+    NetworkRouter::addGlobalPlugin(late);
+    ASSERT_TRUE(sendOne(*router, ProbedService(server.url(), "hello")).isSuccess());
+    EXPECT_EQ(log.entries(), (std::vector<std::string>{"G.willTransmit", "L.willTransmit", "R.willTransmit",
+                                                       "G.prepareTransmit", "L.prepareTransmit", "R.prepareTransmit",
+                                                       "G.prepareReceive", "L.prepareReceive", "R.prepareReceive",
+                                                       "G.didReceive", "L.didReceive", "R.didReceive"}));
 }
 
 TEST_F(RouterTest, PluginsVetoRewriteAndReject) {

@@ -86,6 +86,35 @@ namespace detail {
 struct Monitor;
 Monitor* enterMonitor(const void* key);
 void exitMonitor(Monitor* monitor) noexcept;
+Monitor* claimMonitor(const void* key);
+void releaseMonitor(Monitor* monitor) noexcept;
+void lockMonitor(Monitor* monitor);
+void unlockMonitor(Monitor* monitor) noexcept;
+
+/// The monitor `synced` uses for the object at `key`, claimed for as long as this lives, so that
+/// entering it skips the lookup. For an object that takes its own monitor on every call; others
+/// calling `synced` on the object meet the same monitor.
+class HeldMonitor {
+public:
+    explicit HeldMonitor(const void* key) : monitor_(claimMonitor(key)) {}
+    ~HeldMonitor() { releaseMonitor(monitor_); }
+    HeldMonitor(const HeldMonitor&) = delete;
+    HeldMonitor& operator=(const HeldMonitor&) = delete;
+
+    /// Runs `closure` while holding the monitor, as `synced` would.
+    template <class F>
+    void run(F&& closure) const {
+        lockMonitor(monitor_);
+        struct Unlock {
+            Monitor* monitor;
+            ~Unlock() { unlockMonitor(monitor); }
+        } unlock{monitor_};
+        std::forward<F>(closure)();
+    }
+
+private:
+    Monitor* monitor_;
+};
 
 class MonitorGuard {
 public:

@@ -71,6 +71,9 @@ public:
     /// The request as prepared so far (the router replaces it after the plug-ins' preparation).
     URLRequest request() const;
     void setRequest(URLRequest request);
+    /// Moves the request out, leaving an empty one: the only holder of a request changes it in
+    /// place, where a copy would be made on its first change.
+    URLRequest takeRequest();
 
     /// The session's transfer; null for stubs and once completed or cancelled.
     std::shared_ptr<URLSessionTask> task() const;

@@ -33,6 +33,7 @@
 #include <utility>
 #include <vector>
 
+#include "zul/core/dispatch.hpp"
 #include "zul/core/json_decoder.hpp"
 #include "zul/network/network_task.hpp"
 #include "zul/network/plugins.hpp"
@@ -224,6 +225,9 @@ private:
     template <class T>
     static T decodeBody(const std::optional<std::string>& keyPath, const Response& response);
 
+    // The router's lock: the monitor `synced(this, ...)` takes, held claimed for the router's life
+    // so that the router's own calls (several per request) skip finding it.
+    const detail::HeldMonitor monitor_;
     const std::shared_ptr<const NetworkEnvironment> environment_;
     const std::shared_ptr<const PluginList> plugins_;  // shared with the chains that run them
     const URLSessionConfiguration configuration_;
