@@ -130,15 +130,11 @@ std::string noFit(std::string_view number, std::string_view type) {
 
 TEST(JSONDecoderScalars, NumbersBooleansAndTextDecodeStrictlyAndMismatchesNameWhatWasFound) {
     const JSONDecoder decoder;
-    EXPECT_EQ(decoder.decode<long>("1.0"), 1);
-    EXPECT_EQ(decoder.decode<int>("1e3"), 1000);
-    EXPECT_EQ(decoder.decode<int>("-0.0"), 0);
     EXPECT_FLOAT_EQ(decoder.decode<float>("0.25"), 0.25F);
     EXPECT_TRUE(decoder.decode<bool>("true"));
     EXPECT_EQ(decoder.decode<std::string>(R"("a\"b\u00e9\/")"), "a\"b\xC3\xA9/");
     EXPECT_EQ(decoder.decode<std::vector<int>>(zul::dataFromString("[1,2]")), (std::vector<int>{1, 2}));
 
-    EXPECT_EQ(fails([&] { decoder.decode<long>("1.5"); }), "dataCorrupted: " + noFit("1.5", "Int"));
     EXPECT_EQ(fails([&] { decoder.decode<bool>("1"); }), "typeMismatch Bool: Expected to decode Bool but found a number instead.");
     const std::pair<std::string, std::string_view> mismatches[] = {
         {outcome<long>(R"("1")"), "Expected to decode Int but found a string instead."},
@@ -152,6 +148,9 @@ TEST(JSONDecoderScalars, NumbersBooleansAndTextDecodeStrictlyAndMismatchesNameWh
 
 TEST(JSONDecoderIntegers, EachWidthAcceptsItsRangeOnly) {
     const std::pair<std::string, std::string> cases[] = {
+        // A number written with a fraction or an exponent is read as an integer when it is whole.
+        {outcome<long>("1.0"), "1"},  {outcome<int>("1e3"), "1000"},  {outcome<int>("-0.0"), "0"},
+        {outcome<long>("1.5"), noFit("1.5", "Int")},
         {outcome<signed char>("-128"), "-128"},  {outcome<signed char>("128"), noFit("128", "Int8")},
         {outcome<long>("9223372036854775807"), "9223372036854775807"},
         {outcome<long>("9223372036854775808"), noFit("9223372036854775808", "Int")},
@@ -173,11 +172,9 @@ TEST(JSONDecoderIntegers, EachWidthAcceptsItsRangeOnly) {
 }
 
 TEST(JSONDecoderErrors, MissingKeysNestedFailuresAndContainersOfTheWrongShapeOrNullCarryTheFullPath) {
-    const auto error = failure([] { JSONDecoder().decode<Catalog>(R"({"movies":[{"title":"A","cast":[{"age":3}]}]})"); });
-    EXPECT_EQ(summary(error), R"(keyNotFound: No value associated with key CodingKeys(stringValue: "name", intValue: nil) ("name").)"
-                              " @ CodingKeys:movies/_JSONKey:Index 0#0/CodingKeys:cast/_JSONKey:Index 0#0");
-    ASSERT_NE(error.key(), nullptr);
-    EXPECT_EQ(error.key()->stringValue, "name");
+    EXPECT_EQ(fails([] { JSONDecoder().decode<Catalog>(R"({"movies":[{"title":"A","cast":[{"age":3}]}]})"); }),
+              R"(keyNotFound: No value associated with key CodingKeys(stringValue: "name", intValue: nil) ("name").)"
+              " @ CodingKeys:movies/_JSONKey:Index 0#0/CodingKeys:cast/_JSONKey:Index 0#0");
     // A key type of the record's own choosing is printed as given.
     struct Custom {
         static Custom decode(const zul::Decoder& decoder) {
@@ -256,8 +253,7 @@ TEST(JSONDecoderOptionals, AbsentNullAndPresentValues) {
     EXPECT_EQ(nulls.slots, (std::vector<std::optional<int>>{std::nullopt, 2, std::nullopt}));
     const auto present = decoder.decode<Fields>(R"({"count":0,"lead":{"name":"N","age":4},"slots":[]})");
     EXPECT_EQ(present.count, 0);
-    ASSERT_TRUE(present.lead);
-    EXPECT_EQ(present.lead->age, 4);
+    EXPECT_EQ(present.lead ? present.lead->age : -1, 4);
 
     // A present optional of the wrong type is still an error.
     EXPECT_EQ(fails([&] { decoder.decode<Fields>(R"({"count":"1","slots":[]})"); }),
@@ -299,6 +295,7 @@ TEST(JSONDecoderContainers, KeysInDocumentOrderTheFirstOfRepeatedKeysAndUserInfo
     EXPECT_EQ(big.at("k7"), 7);
     EXPECT_EQ(JSONDecoder().decode<Person>(json).age, 5);
     const auto bigMissing = failure([&] { JSONDecoder().decode<Movie>(json); });
+    ASSERT_NE(bigMissing.key(), nullptr);
     EXPECT_EQ(bigMissing.key()->stringValue, "title");
 
     // Hand-written records nested anywhere see the decoder's user info.

