@@ -40,9 +40,9 @@ void applyTask(const Task& task, URLRequest& request) {
 
 URL baseURL(const ServiceType& service, const NetworkEnvironment* environment) {
     // 1. the service's base address option
-    const BaseURLOptions options = service.baseURL();
+    BaseURLOptions options = service.baseURL();
     // 2. a custom URL is used as it is, environment or not
-    if (const URL* custom = options.customURL()) return *custom;
+    if (std::optional<URL> custom = std::move(options).takeCustomURL()) return *std::move(custom);
     // 3. apiService needs an environment
     if (environment == nullptr) throw NetworkRouterError::invalidEnvironment();
     // 4. schema "://" host "/"

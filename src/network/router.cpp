@@ -192,7 +192,7 @@ NetworkRouter::~NetworkRouter() {
     std::vector<std::shared_ptr<NetworkTask>> running;
     monitor_.run([&] {
         parked.swap(delayed_);
-        running.swap(requests_);
+        running = requests_.takeAll();
     });
     for (const std::shared_ptr<NetworkTask>& task : running) task->cancel();
     // The session, destroyed with the router, ends its transfers and its thread.
@@ -281,7 +281,7 @@ std::optional<std::string> NetworkRouter::request(ServicePointer service, StubBe
         });
 
     // 3. Register it.
-    monitor_.run([&] { requests_.push_back(task); });
+    monitor_.run([&] { requests_.append(task); });
 
     // 4. Kept suspended by the service or by the router?
     const bool suspended = service->keepSuspended() || keepSuspended();
@@ -347,9 +347,7 @@ void NetworkRouter::taskFinished(NetworkTask& finished, NetworkTask::TaskResult 
                                  const SharedCompletion& completion) {
     std::shared_ptr<NetworkTask> task = finished.shared_from_this();
     // Tokens are unique to their task, so the task itself is what to look for.
-    monitor_.run([&] {
-        std::erase_if(requests_, [&](const std::shared_ptr<NetworkTask>& candidate) { return candidate == task; });
-    });
+    monitor_.run([&] { requests_.remove(*task); });
     postprocessResult(task, std::move(result), behavior, completion);
 }
 
@@ -419,9 +417,9 @@ void NetworkRouter::resume(const std::vector<std::string>& tokens) {
         // an immediate answer finds it and takes it off the list again.
         if (entry->behavior.kind() == StubBehavior::Kind::never) {
             task.setTask(session().dataTask(task.request()));
-            monitor_.run([&] { requests_.push_back(entry->task); });
+            monitor_.run([&] { requests_.appendAgain(entry->task); });
         } else {
-            monitor_.run([&] { requests_.push_back(entry->task); });
+            monitor_.run([&] { requests_.appendAgain(entry->task); });
             task.start(entry->behavior, session(), false);
         }
     }
@@ -429,29 +427,22 @@ void NetworkRouter::resume(const std::vector<std::string>& tokens) {
     // 5. Put the suspended transfers of these tokens on the wire.
     std::vector<std::shared_ptr<NetworkTask>> toResume;
     monitor_.run([&] {
-        for (const std::shared_ptr<NetworkTask>& task : requests_) {
+        requests_.forEach([&](const std::shared_ptr<NetworkTask>& task) {
             if (wanted(task->token())) toResume.push_back(task);
-        }
+        });
     });
     for (const std::shared_ptr<NetworkTask>& task : toResume) task->resume();
 }
 
 void NetworkRouter::cancel(const std::string& token) {
     std::shared_ptr<NetworkTask> found;
-    monitor_.run([&] {
-        auto it = std::find_if(requests_.begin(), requests_.end(),
-                               [&](const std::shared_ptr<NetworkTask>& task) { return task->token() == token; });
-        if (it == requests_.end()) return;
-        found = *it;
-        std::erase_if(requests_, [&](const std::shared_ptr<NetworkTask>& task) { return task->token() == token; });
-    });
+    monitor_.run([&] { found = requests_.removeToken(token); });
     if (found) found->cancel();
 }
 
 void NetworkRouter::cancelAllRequests() {
     monitor_.run([&] {
-        for (const std::shared_ptr<NetworkTask>& task : requests_) task->cancel();
-        requests_.clear();
+        for (const std::shared_ptr<NetworkTask>& task : requests_.takeAll()) task->cancel();
     });
 }
 
@@ -459,14 +450,7 @@ void NetworkRouter::cancelAllRequests() {
 
 std::shared_ptr<NetworkTask> NetworkRouter::findTask(const URLSessionTask& transfer) const {
     std::shared_ptr<NetworkTask> found;
-    monitor_.run([&] {
-        for (const std::shared_ptr<NetworkTask>& task : requests_) {
-            if (task->owns(transfer)) {
-                found = task;
-                return;
-            }
-        }
-    });
+    monitor_.run([&] { found = requests_.find([&](const NetworkTask& task) { return task.owns(transfer); }); });
     return found;
 }
 

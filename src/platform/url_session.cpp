@@ -86,8 +86,8 @@ std::shared_ptr<URLSessionDataTask> URLSession::dataTask(URLRequest request) {
 
 std::shared_ptr<URLSessionDataTask> URLSession::dataTask(URLRequest request, CompletionHandler completionHandler) {
     auto state = std::make_shared<URLSessionTask::State>(engine_, request, std::move(completionHandler));
-    std::shared_ptr<URLSessionDataTask> task(
-        new URLSessionDataTask(engine_->nextIdentifier(), std::move(request), state));
+    auto task = std::make_shared<URLSessionDataTask>(URLSessionDataTask::Key(), engine_->nextIdentifier(),
+                                                     std::move(request), state);
     engine_->registerTask(*state);
     return task;
 }

@@ -4,11 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <string>
 #include <thread>
 
 #include "network/plugin_chains.hpp"
+#include "zul/network/detail/task_list.hpp"
 #include "network/router_support.hpp"
 #include "support/wait.hpp"
 #include "zul/platform/dispatch_queue.hpp"
@@ -113,6 +116,57 @@ public:
             });
     }
 };
+
+TEST(TaskListTest, KeepsOrderThroughHolesAndSqueezesAndTakesOffEveryListing) {
+    Recorder recorder;
+    std::vector<std::shared_ptr<NetworkTask>> tasks;
+    for (int i = 0; i < 200; ++i) {
+        auto service = std::make_shared<LocalService>("http://127.0.0.1:9/", "x");
+        tasks.push_back(NetworkTask::create(service, zul::URLRequest(zul::URL::fromString("http://127.0.0.1:9/x")),
+                                            "t" + std::to_string(i), recorder.completion()));
+    }
+    const auto listed = [](const zul::detail::TaskList& list) {
+        std::vector<std::string> tokens;
+        list.forEach([&](const std::shared_ptr<NetworkTask>& task) { tokens.push_back(task->token()); });
+        return tokens;
+    };
+    zul::detail::TaskList list;
+    for (const auto& task : tasks) list.append(task);
+    // Every third taken off, out of order and more than enough to squeeze the holes out.
+    std::vector<std::string> expected;
+    for (int i = 0; i < 200; ++i) {
+        if (i % 3 != 0) expected.push_back("t" + std::to_string(i));
+    }
+    for (int i = 198; i >= 0; i -= 3) EXPECT_TRUE(list.remove(*tasks[static_cast<std::size_t>(i)]));
+    EXPECT_FALSE(list.remove(*tasks[0]));
+    EXPECT_EQ(list.size(), expected.size());
+    EXPECT_EQ(listed(list), expected);
+    // The front taken off in the order requests usually finish in.
+    for (int i = 1; i < 100; ++i) {
+        if (i % 3 != 0) list.remove(*tasks[static_cast<std::size_t>(i)]);
+    }
+    expected.erase(expected.begin(), std::find(expected.begin(), expected.end(), "t100"));
+    EXPECT_EQ(listed(list), expected);
+    EXPECT_EQ(list.find([](const NetworkTask& task) { return task.token() == "t101"; }), tasks[101]);
+    EXPECT_EQ(list.find([](const NetworkTask& task) { return task.token() == "t50"; }), nullptr);
+
+    // A task listed again goes wholly, by itself or by token; others stay.
+    list.appendAgain(tasks[101]);
+    list.appendAgain(tasks[0]);  // not listed: one listing
+    EXPECT_EQ(list.size(), expected.size() + 2);
+    EXPECT_TRUE(list.remove(*tasks[101]));
+    EXPECT_EQ(list.find([](const NetworkTask& task) { return task.token() == "t101"; }), nullptr);
+    EXPECT_EQ(list.size(), expected.size());
+    list.appendAgain(tasks[104]);
+    EXPECT_EQ(list.removeToken("t104"), tasks[104]);
+    EXPECT_EQ(list.removeToken("t104"), nullptr);
+    EXPECT_EQ(list.size(), expected.size() - 1);  // t101 and t104 gone, t0 back
+    const auto all = list.takeAll();
+    ASSERT_EQ(all.size(), expected.size() - 1);
+    EXPECT_EQ(all.front(), tasks[100]);
+    EXPECT_EQ(all.back(), tasks[0]);
+    EXPECT_EQ(list.size(), 0u);
+}
 
 TEST(PluginChainTest, ResponsesFlowThroughEveryPluginInOrder) {
     HookLog log;

@@ -273,6 +273,7 @@ TEST_F(RouterTest, ParkedRequestsWaitForResumeAndRunInParkingOrder) {
     ASSERT_TRUE(outcomes.waitFor(2));
     for (const RouterResult& result : outcomes.results) EXPECT_EQ(result.value().statusCode, 200);
     EXPECT_EQ(server.requestCount(), 2u);
+    EXPECT_EQ(router->runningRequestCount(), 0u);  // listed when made and again when resumed: both gone
 
     // A result a plug-in postpones is reported as delayed, parked, and sent again on resume.
     router->setKeepSuspended(false);

@@ -35,6 +35,7 @@
 
 #include "zul/core/dispatch.hpp"
 #include "zul/core/json_decoder.hpp"
+#include "zul/network/detail/task_list.hpp"
 #include "zul/network/network_task.hpp"
 #include "zul/network/plugins.hpp"
 #include "zul/network/records.hpp"
@@ -233,7 +234,7 @@ private:
     const URLSessionConfiguration configuration_;
     std::atomic<bool> keepSuspended_{false};
     std::optional<HeaderMap> customHeaders_;                // guarded by the router's monitor
-    std::vector<std::shared_ptr<NetworkTask>> requests_;    // guarded by the router's monitor
+    detail::TaskList requests_;                             // guarded by the router's monitor
     std::vector<std::unique_ptr<DelayedTaskData>> delayed_; // guarded by the router's monitor
     std::shared_ptr<DispatchQueue> queue_;                  // the session's delegate queue
     std::shared_ptr<MainQueueMailbox> mailbox_;             // completions made on queue_, for the main queue

@@ -64,6 +64,8 @@ public:
     Kind kind() const noexcept { return url_ ? Kind::custom : Kind::apiService; }
     /// The URL of a `custom` base address; null for `apiService`.
     const URL* customURL() const noexcept { return url_ ? &*url_ : nullptr; }
+    /// The URL of a `custom` base address, moved out; absent for `apiService`.
+    std::optional<URL> takeCustomURL() && { return std::move(url_); }
 
     friend bool operator==(const BaseURLOptions&, const BaseURLOptions&) = default;
 

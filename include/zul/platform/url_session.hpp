@@ -205,8 +205,16 @@ private:
 
 /// A task whose body arrives in memory, through `didReceive` or a completion handler.
 class URLSessionDataTask final : public URLSessionTask {
+    struct Key {
+        explicit Key() = default;
+    };
+    friend class URLSession;
+
 public:
-    using URLSessionTask::URLSessionTask;
+    /// Made by `URLSession::dataTask` only (`Key` cannot be named elsewhere); public so that the
+    /// task and its count share one allocation.
+    URLSessionDataTask(Key, std::uint64_t identifier, URLRequest request, std::shared_ptr<State> state)
+        : URLSessionTask(identifier, std::move(request), std::move(state)) {}
 };
 
 class URLSession : public std::enable_shared_from_this<URLSession> {
