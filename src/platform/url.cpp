@@ -143,9 +143,9 @@ URL URL::trusted(std::string text) {
 std::optional<URL> URL::fromString(std::string_view text) {
     // Whether a text is a valid URL depends on the text alone, so the last text this thread
     // accepted needs no second look: an application parses the same base address over and over.
-    thread_local std::string lastAccepted;
+    thread_local std::shared_ptr<const std::string> lastAccepted;
     thread_local Layout lastLayout;
-    if (!lastAccepted.empty() && text == lastAccepted) return URL(lastAccepted, lastLayout);
+    if (lastAccepted && text == *lastAccepted) return URL(lastAccepted, lastLayout);
 
     // libcurl reads a C string: an embedded NUL would hide the rest of the text from it.
     if (!hasValidScheme(text) || text.find('\0') != std::string_view::npos) return std::nullopt;
@@ -161,21 +161,27 @@ std::optional<URL> URL::fromString(std::string_view text) {
         splitAuthority(slice(owned, layout.authorityBegin, layout.pathBegin)).host.empty()) {
         return std::nullopt;
     }
-    lastAccepted = owned;
+    URL url(std::move(owned), layout);
+    lastAccepted = url.text_;
     lastLayout = layout;
-    return URL(std::move(owned), layout);
+    return url;
 }
 
-std::string_view URL::scheme() const noexcept { return slice(text_, 0, layout_.schemeEnd); }
+const std::string& URL::emptyText() noexcept {
+    static const std::string empty;
+    return empty;
+}
+
+std::string_view URL::scheme() const noexcept { return slice(text(), 0, layout_.schemeEnd); }
 
 std::string URL::host() const {
     if (!layout_.hasAuthority) return {};
-    return std::string(splitAuthority(slice(text_, layout_.authorityBegin, layout_.pathBegin)).host);
+    return std::string(splitAuthority(slice(text(), layout_.authorityBegin, layout_.pathBegin)).host);
 }
 
 std::optional<int> URL::port() const {
     if (!layout_.hasAuthority) return std::nullopt;
-    const std::string_view port = splitAuthority(slice(text_, layout_.authorityBegin, layout_.pathBegin)).port;
+    const std::string_view port = splitAuthority(slice(text(), layout_.authorityBegin, layout_.pathBegin)).port;
     if (port.empty()) return std::nullopt;
     int value = 0;
     for (const char c : port) {
@@ -187,17 +193,17 @@ std::optional<int> URL::port() const {
 }
 
 std::string_view URL::path() const noexcept {
-    return slice(text_, layout_.pathBegin, layout_.pathEnd);
+    return slice(text(), layout_.pathBegin, layout_.pathEnd);
 }
 
 std::optional<std::string_view> URL::query() const noexcept {
     if (layout_.queryEnd == layout_.pathEnd) return std::nullopt;
-    return slice(text_, layout_.pathEnd + 1, layout_.queryEnd);
+    return slice(text(), layout_.pathEnd + 1, layout_.queryEnd);
 }
 
 std::optional<std::string_view> URL::fragment() const noexcept {
-    if (layout_.queryEnd >= text_.size()) return std::nullopt;
-    return slice(text_, layout_.queryEnd + 1, text_.size());
+    if (layout_.queryEnd >= text().size()) return std::nullopt;
+    return slice(text(), layout_.queryEnd + 1, text().size());
 }
 
 URL URL::appendingPathComponent(std::string_view component) const {
@@ -213,18 +219,19 @@ URL URL::appendingPathComponent(std::string_view component) const {
     }
 
     const std::size_t inserted = (slash ? 1 : 0) + pathAllowed.encodedSize(component);
-    std::string text;
-    text.reserve(text_.size() + inserted);
-    text.append(text_, 0, layout_.pathEnd);
-    if (slash) text += '/';
-    pathAllowed.append(text, component);
-    text.append(text_, layout_.pathEnd, std::string::npos);
+    const std::string& current = text();
+    std::string appended;
+    appended.reserve(current.size() + inserted);
+    appended.append(current, 0, layout_.pathEnd);
+    if (slash) appended += '/';
+    pathAllowed.append(appended, component);
+    appended.append(current, layout_.pathEnd, std::string::npos);
 
     // Only the end of the path moves; the parts before it stay where they were.
     Layout layout = layout_;
     layout.pathEnd += inserted;
     layout.queryEnd += inserted;
-    return URL(std::move(text), layout);
+    return URL(std::move(appended), layout);
 }
 
 }  // namespace zul

@@ -52,7 +52,7 @@ URLQueryItem decodedItem(std::string_view text) {
 void URLComponents::appendQueryEncoded(std::string& out, std::string_view text) { queryAllowed.append(out, text); }
 
 std::optional<URLComponents> URLComponents::fromURL(const URL& url, bool /*resolvingAgainstBaseURL*/) {
-    const std::string& text = url.text_;
+    const std::string& text = url.text();
     const URL::Layout& layout = url.layout_;
     if (layout.pathEnd > text.size() || layout.queryEnd > text.size() || layout.queryEnd < layout.pathEnd) {
         return std::nullopt;

@@ -8,6 +8,7 @@
 
 #include <compare>
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,7 +22,7 @@ public:
     static std::optional<URL> fromString(std::string_view text);
 
     /// The URL's text, exactly as made.
-    const std::string& absoluteString() const noexcept { return text_; }
+    const std::string& absoluteString() const noexcept { return text(); }
 
     /// The scheme, as written ("https").
     std::string_view scheme() const noexcept;
@@ -43,13 +44,13 @@ public:
     /// are percent-encoded. The query and fragment stay.
     URL appendingPathComponent(std::string_view component) const;
 
-    friend bool operator==(const URL& a, const URL& b) noexcept { return a.text_ == b.text_; }
-    friend std::strong_ordering operator<=>(const URL& a, const URL& b) noexcept { return a.text_ <=> b.text_; }
+    friend bool operator==(const URL& a, const URL& b) noexcept { return a.text() == b.text(); }
+    friend std::strong_ordering operator<=>(const URL& a, const URL& b) noexcept { return a.text() <=> b.text(); }
 
 private:
     friend class URLComponents;
 
-    // Offsets into `text_` of the generic-syntax parts (scheme ":" ["//" authority] path
+    // Offsets into the text of the generic-syntax parts (scheme ":" ["//" authority] path
     // ["?" query] ["#" fragment]).
     struct Layout {
         std::size_t schemeEnd = 0;      // index of ':'
@@ -60,12 +61,21 @@ private:
         bool hasAuthority = false;
     };
 
-    URL(std::string text, Layout layout) : text_(std::move(text)), layout_(layout) {}
+    URL(std::string text, Layout layout)
+        : text_(std::make_shared<const std::string>(std::move(text))), layout_(layout) {}
+    URL(std::shared_ptr<const std::string> text, Layout layout) : text_(std::move(text)), layout_(layout) {}
     /// `text` must already be a valid URL (made from a valid one by adding encoded parts).
     static URL trusted(std::string text);
     static Layout split(std::string_view text) noexcept;
 
-    std::string text_;
+    /// The text; empty once moved from.
+    const std::string& text() const noexcept { return text_ ? *text_ : emptyText(); }
+    static const std::string& emptyText() noexcept;
+
+    // Shared by copies, and never changed: a URL is copied far more often than made (into
+    // requests, responses, services, redirects), and a copy then costs a reference count
+    // instead of an allocation.
+    std::shared_ptr<const std::string> text_;
     Layout layout_;
 };
 
