@@ -163,8 +163,12 @@ private:
     void flush() {
         std::vector<Item> items;
         {
+            // Moved out element by element: the pending list keeps its storage for the next
+            // batch, and the batch for the main queue takes one allocation of the right size.
             std::lock_guard lock(mutex_);
-            items.swap(pending_);
+            items.reserve(pending_.size());
+            std::move(pending_.begin(), pending_.end(), std::back_inserter(items));
+            pending_.clear();
             scheduled_ = false;
         }
         DispatchQueue::main()->async([items = std::move(items)]() mutable {
