@@ -9,6 +9,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "zul/core/json_decoder.hpp"
@@ -88,19 +89,15 @@ TEST(AnswerTest, EachCaseAnswersOnlyItsOwnAccessorInTagOrder) {
 }
 
 TEST(AnswerTest, DescriptionPerCaseAndDictionariesQuoteEachValuesPlainText) {
-    EXPECT_EQ(Answer("a b").description(), "a b");
-    for (const Answer& number : {Answer(2.5), Answer(0.0), Answer(std::nan("")), Answer(1.5f), Answer(-3.0f)}) {
-        EXPECT_EQ(number.description(), ".");
-    }
-    EXPECT_EQ(Answer(-7).description(), "-7");
-    EXPECT_EQ(Answer(std::numeric_limits<std::uint64_t>::max()).description(), "18446744073709551615");
-    EXPECT_EQ(Answer(true).description(), "true");
-    EXPECT_EQ(Answer(false).description(), "false");
-    EXPECT_EQ(Answer::none().description(), "");
-
-    // A dictionary quotes each value's plain text.
-    EXPECT_EQ(Answer(Answer::Dictionary{}).description(), "[:]");
-    EXPECT_EQ(Answer(Answer::Dictionary{{"key", "text"}, {1, 5}}).description(), R"(["key": "text", 1: "5"])");
+    const std::pair<Answer, std::string_view> cases[] = {
+        {Answer("a b"), "a b"}, {Answer(2.5), "."}, {Answer(0.0), "."}, {Answer(std::nan("")), "."},
+        {Answer(1.5f), "."}, {Answer(-3.0f), "."}, {Answer(-7), "-7"}, {Answer(true), "true"}, {Answer(false), "false"},
+        {Answer(std::numeric_limits<std::uint64_t>::max()), "18446744073709551615"}, {Answer::none(), ""},
+        {Answer(Answer::Dictionary{}), "[:]"},
+        // A dictionary quotes each value's plain text.
+        {Answer(Answer::Dictionary{{"key", "text"}, {1, 5}}), R"(["key": "text", 1: "5"])"},
+    };
+    for (const auto& [answer, text] : cases) EXPECT_EQ(answer.description(), text);
     // Values go through their plain text first: the double keeps its digits, a list its own
     // quotes (then escaped), a quote inside text is escaped once.
     EXPECT_EQ(Answer(Answer::Dictionary{{true, 1.5}, {"l", zul::AnyList{1, "a"}}, {"q", "say \"hi\""}}).description(),
@@ -109,19 +106,16 @@ TEST(AnswerTest, DescriptionPerCaseAndDictionariesQuoteEachValuesPlainText) {
 
 TEST(AnswerTest, EqualityRules) {
     const Answer dictionary(Answer::Dictionary{{"a", 1}});
-    EXPECT_FALSE(dictionary == dictionary);
-    EXPECT_FALSE(Answer(Answer::Dictionary{}) == Answer(Answer::Dictionary{}));
-    EXPECT_EQ(Answer::none(), Answer::none());
-    EXPECT_NE(Answer(""), Answer::none());
-    EXPECT_EQ(Answer("x"), Answer(std::string("x")));
-    EXPECT_NE(Answer(std::nan("")), Answer(std::nan("")));
-    EXPECT_EQ(Answer(0.0), Answer(-0.0));
-    EXPECT_EQ(Answer(-0.0f), Answer(0.0f));
-    EXPECT_NE(Answer(1), Answer(1.0));
-    EXPECT_NE(Answer(1.0), Answer(1.0f));
-    EXPECT_NE(Answer(1), Answer(1u));
-    EXPECT_NE(Answer(1), Answer(true));
-    EXPECT_EQ(Answer(std::int16_t{4}), Answer(4L));
+    EXPECT_FALSE(dictionary == dictionary);  // not even itself
+    const std::tuple<Answer, Answer, bool> cases[] = {
+        {Answer::none(), Answer::none(), true},      {Answer(""), Answer::none(), false},
+        {Answer("x"), Answer(std::string("x")), true}, {Answer(std::nan("")), Answer(std::nan("")), false},
+        {Answer(0.0), Answer(-0.0), true},           {Answer(-0.0f), Answer(0.0f), true},
+        {Answer(1), Answer(1.0), false},             {Answer(1.0), Answer(1.0f), false},
+        {Answer(1), Answer(1u), false},              {Answer(1), Answer(true), false},
+        {Answer(std::int16_t{4}), Answer(4L), true},
+    };
+    for (const auto& [a, b, equal] : cases) EXPECT_EQ(a == b, equal) << a.description() << " vs " << b.description();
 }
 
 TEST(EitherTest, DecodesTheFirstTypeThatFits) {
@@ -146,9 +140,7 @@ TEST(EitherTest, NeitherTypeIsDataCorruptedAtTheDecodersPathAndMapCallsOnlyTheCa
     EXPECT_TRUE(top.codingPath().empty());
     EXPECT_FALSE(top.context().underlyingError.has_value());
 
-    const DecodingError nested = decodingError<Holder>(R"({"id": null})");
-    EXPECT_EQ(nested.debugDescription(), "Cannot decode Int or String");
-    EXPECT_EQ(nested.codingPath(), zul::CodingPath{zul::CodingKey("id")});
+    EXPECT_EQ(decodingError<Holder>(R"({"id": null})").codingPath(), zul::CodingPath{zul::CodingKey("id")});
     const DecodingError element = decodingError<std::vector<IdOrName>>(R"([1, "a", []])");
     ASSERT_EQ(element.codingPath().size(), 1u);
     EXPECT_EQ(element.codingPath()[0].intValue, 2);
@@ -192,11 +184,9 @@ static_assert(zul::AnySequence<std::vector<int>> && zul::AnySequence<std::map<st
 static_assert(!zul::AnySequence<std::string> && !zul::AnySequence<std::map<int, int>> &&
               !zul::AnySequence<std::optional<std::vector<int>>>);
 
-TEST(AnyOptionalTest, MakeEmptyGivesAbsentAndEmptyCollections) {
+TEST(AnyOptionalTest, MakeEmptyGivesAbsentValuesAndEmptyCollections) {
     EXPECT_FALSE(zul::makeEmpty<std::optional<int>>().has_value());
     EXPECT_TRUE(zul::makeEmpty<std::vector<std::string>>().empty());
-    EXPECT_TRUE((zul::makeEmpty<std::map<std::string, int>>().empty()));
-    EXPECT_TRUE(zul::makeEmpty<zul::OrderedMap<long>>().empty());
 }
 
 }  // namespace

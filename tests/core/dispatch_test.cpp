@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -22,7 +23,6 @@ TEST(ZulDispatchCustomTest, JobsFromManyThreadsNeverOverlapAndKeepEachThreadsOrd
     constexpr int kJobs = 5000;
     std::atomic<int> inside{0};
     std::atomic<bool> overlapped{false};
-    std::atomic<int> done{0};
     std::vector<std::vector<int>> seen(kThreads);  // touched only by the dispatcher's jobs
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
@@ -32,19 +32,16 @@ TEST(ZulDispatchCustomTest, JobsFromManyThreadsNeverOverlapAndKeepEachThreadsOrd
                     if (inside.fetch_add(1) != 0) overlapped = true;
                     seen[static_cast<std::size_t>(t)].push_back(i);
                     inside.fetch_sub(1);
-                    done.fetch_add(1);
                 });
             }
         });
     }
     for (auto& thread : threads) thread.join();
-    ASSERT_TRUE(zul::test::waitUntil([&] { return done.load() == kThreads * kJobs; }));
+    dispatcher->queue()->sync([] {});  // after every job: the queue is serial
     EXPECT_FALSE(overlapped);
-    dispatcher->queue()->sync([] {});
-    for (const auto& perThread : seen) {
-        ASSERT_EQ(perThread.size(), static_cast<std::size_t>(kJobs));
-        for (int i = 0; i < kJobs; ++i) ASSERT_EQ(perThread[static_cast<std::size_t>(i)], i);
-    }
+    std::vector<int> inOrder(kJobs);
+    std::iota(inOrder.begin(), inOrder.end(), 0);
+    for (const auto& perThread : seen) EXPECT_EQ(perThread, inOrder);
 }
 
 TEST(ZulDispatchCustomTest, DelayedJobsRunInDeadlineOrderAndPastDeadlinesAtOnce) {
@@ -52,22 +49,18 @@ TEST(ZulDispatchCustomTest, DelayedJobsRunInDeadlineOrderAndPastDeadlinesAtOnce)
     std::mutex mutex;
     std::vector<int> order;
     const auto now = zul::DispatchClock::now();
-    for (int delay : {50, 10, 30}) {
+    for (int delay : {50, 10, 30, -5000}) {  // the last deadline is long past
         dispatcher->async(now + std::chrono::milliseconds(delay), [&, delay] {
             std::lock_guard lock(mutex);
             order.push_back(delay);
         });
     }
-    dispatcher->async(now - 5s, [&] {
-        std::lock_guard lock(mutex);
-        order.push_back(0);
-    });
     ASSERT_TRUE(zul::test::waitUntil([&] {
         std::lock_guard lock(mutex);
         return order.size() == 4;
     }));
     std::lock_guard lock(mutex);
-    EXPECT_EQ(order, (std::vector<int>{0, 10, 30, 50}));
+    EXPECT_EQ(order, (std::vector<int>{-5000, 10, 30, 50}));
 }
 
 TEST(ZulDispatchCustomTest, SameLabelMakesDistinctQueuesAndWorkOutlivesTheDispatcher) {

@@ -72,16 +72,17 @@ TEST(EmitterTest, MemoryEmitterReplaysWithTheAnswerReversedOnItsQueueWhenAsynchr
     }
 }
 
-TEST(EmitterTest, AsynchronousDeliveryReturnsAtOnceAndRunsInOrderOnTheEmittersQueue) {
+TEST(EmitterTest, AsynchronousDeliveryReturnsAtOnceRunsInOrderOnTheEmittersQueueAndEndsWithTheEmitter) {
     auto emitter = Emitter<int>::create(true);
-    EXPECT_TRUE(emitter->serialQueue()->label().starts_with("Emitter-"));
+    auto queue = emitter->serialQueue();
+    EXPECT_TRUE(queue->label().starts_with("Emitter-"));
     std::latch gate(1);
     std::mutex mutex;
     std::vector<int> seen;
     std::atomic<bool> onQueue{true};
     emitter->addReaction([&](const int& v) {
         gate.wait();
-        if (!emitter->serialQueue()->isCurrent()) onQueue = false;
+        if (!queue->isCurrent()) onQueue = false;
         std::lock_guard lock(mutex);
         seen.push_back(v);
         return v != 3;
@@ -94,25 +95,21 @@ TEST(EmitterTest, AsynchronousDeliveryReturnsAtOnceAndRunsInOrderOnTheEmittersQu
     gate.count_down();
     for (int v : {2, 3}) emitter->invoke(v);
     emitter->invoke(4);  // after 3 the reaction has left
-    emitter->serialQueue()->sync([] {});
-    std::lock_guard lock(mutex);
+    queue->sync([] {});  // every delivery is over
     EXPECT_EQ(seen, (std::vector<int>{1, 2, 3}));
     EXPECT_TRUE(onQueue);
-}
 
-TEST(EmitterTest, JobsOfAnEmitterThatIsGoneAreDropped) {
-    auto emitter = Emitter<int>::create(true);
-    auto queue = emitter->serialQueue();
-    std::latch gate(1);
-    queue->async([&] { gate.wait(); });  // holds the queue while the emitter goes away
+    // Jobs of an emitter that is gone are dropped.
+    std::latch held(1);
+    queue->async([&] { held.wait(); });  // holds the queue while the emitter goes away
     std::atomic<int> calls{0};
     emitter->addReaction([&](const int&) {
         ++calls;
         return true;
     });
-    emitter->invoke(1);
+    emitter->invoke(5);
     emitter.reset();
-    gate.count_down();
+    held.count_down();
     queue->sync([] {});
     EXPECT_EQ(calls.load(), 0);
 }

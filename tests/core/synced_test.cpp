@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <numeric>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -36,30 +37,11 @@ TEST(SyncedTest, NestsOnOneThreadAndReleasesWhenTheClosureThrows) {
     EXPECT_TRUE(entered);
 }
 
-TEST(SyncedTest, CallsOnOneObjectExcludeEachOther) {
-    // One object, and then many: with more objects than shards, monitors are let go and claimed
-    // again for other objects all the time, and each object must still have one at a time.
-    for (const std::size_t objectCount : {std::size_t{1}, std::size_t{300}}) {
-        std::vector<long> counts(objectCount, 0);
-        std::vector<std::thread> threads;
-        for (int t = 0; t < 4; ++t) {
-            threads.emplace_back([&, t] {
-                for (int i = 0; i < 20000; ++i) {
-                    long& count = counts[(static_cast<std::size_t>(i) * 7 + static_cast<std::size_t>(t)) % objectCount];
-                    zul::synced(&count, [&] { ++count; });
-                }
-            });
-        }
-        for (auto& thread : threads) thread.join();
-        long total = 0;
-        for (const long count : counts) total += count;
-        EXPECT_EQ(total, 80000) << objectCount << " objects";
-    }
-}
-
-TEST(SyncedTest, AHeldMonitorIsTheObjectsOwnMonitor) {
-    // Threads entering through `synced` and through a held monitor exclude each other, while
-    // other objects come and go through the same shards; the same thread nests either way.
+TEST(SyncedTest, CallsOnOneObjectExcludeEachOtherThroughSyncedOrAHeldMonitor) {
+    // Threads entering through `synced` and through a held monitor exclude each other. Meanwhile
+    // more objects than shards come and go: monitors are let go and claimed again for other
+    // objects all the time, and each object must still have one at a time. The same thread nests
+    // either way.
     long count = 0;
     const zul::detail::HeldMonitor held(&count);
     std::vector<long> others(300, 0);
@@ -79,6 +61,7 @@ TEST(SyncedTest, AHeldMonitorIsTheObjectsOwnMonitor) {
     }
     for (auto& thread : threads) thread.join();
     EXPECT_EQ(count, 80000);
+    EXPECT_EQ(std::accumulate(others.begin(), others.end(), 0L), 80000);
 
     held.run([&] { zul::synced(&count, [&] { held.run([&] { count = 0; }); }); });
     EXPECT_EQ(count, 0);
@@ -87,26 +70,7 @@ TEST(SyncedTest, AHeldMonitorIsTheObjectsOwnMonitor) {
     EXPECT_EQ(count, 1);
 }
 
-TEST(SyncedTest, DistinctObjectsHaveDistinctMonitors) {
-    // Many objects in use at once, so that several share a shard of the monitor table.
-    std::vector<int> objects(200);
-    std::atomic<bool> holding{false};
-    std::atomic<bool> release{false};
-    std::thread holder([&] {
-        zul::synced(&objects[0], [&] {
-            holding = true;
-            while (!release) std::this_thread::sleep_for(1ms);
-        });
-    });
-    ASSERT_TRUE(zul::test::waitUntil([&] { return holding.load(); }));
-    int entered = 0;
-    for (std::size_t i = 1; i < objects.size(); ++i) zul::synced(&objects[i], [&] { ++entered; });
-    EXPECT_EQ(entered, 199);  // none of them waited for objects[0]
-    release = true;
-    holder.join();
-}
-
-TEST(SyncedTest, TheMonitorBelongsToTheWholeObjectWhicheverBaseIsPassed) {
+TEST(SyncedTest, EachObjectHasAMonitorOfItsOwnWhicheverBaseIsPassed) {
     struct Left {
         virtual ~Left() = default;
         int left = 0;
@@ -116,24 +80,29 @@ TEST(SyncedTest, TheMonitorBelongsToTheWholeObjectWhicheverBaseIsPassed) {
         int right = 0;
     };
     struct Both final : Left, Right {};
-    Both object;
-    const Right* asRight = &object;
-    const Left* asLeft = &object;
+    // Many objects in use at once, so that several share a shard of the monitor table.
+    std::vector<Both> objects(200);
+    const Right* asRight = &objects[0];
+    const Left* asLeft = &objects[0];
     ASSERT_NE(static_cast<const void*>(asRight), static_cast<const void*>(asLeft));
 
     std::atomic<bool> holding{false};
-    std::atomic<bool> otherEntered{false};
+    std::atomic<bool> othersEntered{false};
+    std::atomic<bool> leftEntered{false};
     std::thread holder([&] {
         zul::synced(asRight, [&] {
             holding = true;
+            EXPECT_TRUE(zul::test::waitUntil([&] { return othersEntered.load(); }));  // none waited for objects[0]
             std::this_thread::sleep_for(100ms);
-            EXPECT_FALSE(otherEntered.load());  // still excluded while held
+            EXPECT_FALSE(leftEntered.load());  // the same object through its other base waits
         });
     });
     ASSERT_TRUE(zul::test::waitUntil([&] { return holding.load(); }));
-    zul::synced(asLeft, [&] { otherEntered = true; });
+    for (std::size_t i = 1; i < objects.size(); ++i) zul::synced(&objects[i], [] {});
+    othersEntered = true;
+    zul::synced(asLeft, [&] { leftEntered = true; });
     holder.join();
-    EXPECT_TRUE(otherEntered);
+    EXPECT_TRUE(leftEntered);
 }
 
 }  // namespace

@@ -71,8 +71,6 @@ protected:
     std::filesystem::path directory_;
 };
 
-// --- Cutting lines -----------------------------------------------------------------------------
-
 TEST_F(FileBufferedReaderTest, LinesAreCutAtTheDelimiterWhereverTheChunksEndUntilTheEndForGood) {
     const struct {
         std::string bytes, delimiter;
@@ -99,23 +97,6 @@ TEST_F(FileBufferedReaderTest, LinesAreCutAtTheDelimiterWhereverTheChunksEndUnti
     EXPECT_EQ(reads("", "\n", 16, TextEncoding::utf8, 2), (Reads{std::nullopt, std::nullopt}));
 }
 
-TEST_F(FileBufferedReaderTest, ManyLinesOfVaryingLengthMatchASplitOfTheWholeText) {
-    // Lines much shorter and much longer than a chunk, so lines are cut from the middle of a
-    // buffer, across many chunks, and after the returned prefix has been dropped.
-    std::string text;
-    Lines expected;
-    for (int i = 0; i < 300; ++i) {
-        std::string line(static_cast<std::size_t>((i * 37) % 211), static_cast<char>('a' + i % 26));
-        line += std::to_string(i);
-        expected.push_back(line);
-        text += line + "\r\n";
-    }
-    for (const std::int64_t chunkSize : {1, 13, 64, 4096, 1 << 20}) {
-        SCOPED_TRACE(chunkSize);
-        EXPECT_EQ(readAll(text, "\r\n", chunkSize), expected);
-    }
-}
-
 TEST_F(FileBufferedReaderTest, ReadsTheFileAsItGoesRatherThanAllAtOnce) {
     auto reader = open("a\nb\n", "\n", 2, TextEncoding::utf8);
     ASSERT_NE(reader, nullptr);
@@ -124,8 +105,6 @@ TEST_F(FileBufferedReaderTest, ReadsTheFileAsItGoesRatherThanAllAtOnce) {
     // A reader that had slurped the file when it began would never see "c".
     EXPECT_EQ(::readAll(*reader), (Lines{"b", "c"}));
 }
-
-// --- Decoding ----------------------------------------------------------------------------------
 
 TEST_F(FileBufferedReaderTest, EachEncodingDecodesItsOwnBytesAndDelimiter) {
     const std::string wellFormed = "A\xC3\xA9\xE2\x82\xAC\xED\x9F\xBF\xEF\xBF\xBD\xF0\x9F\x8E\xAC\xF4\x8F\xBF\xBF";
@@ -186,22 +165,13 @@ TEST_F(FileBufferedReaderTest, AnUndecodableLineIsAbsentAndTheNextLineStillReads
             << ::testing::PrintToString(c.bytes);
     }
 
-    const std::string malformedUtf8[] = {
-        "\xC0\xAF",          // overlong "/"
-        "\xE0\x80\xAF",      // overlong three-byte form
-        "\xED\xA0\x80",      // surrogate U+D800
-        "\xF4\x90\x80\x80",  // past U+10FFFF
-        "\xF5\x80\x80\x80",  // lead byte never used
-        "\xE2\x82\x28",      // third byte not a continuation
-        "abcdefgh\xFFijk",   // bad byte after a run of ASCII
-    };
-    for (const auto& bytes : malformedUtf8) {
-        EXPECT_EQ(reads(bytes + "\nok", "\n", 64, TextEncoding::utf8, 2), (Reads{std::nullopt, "ok"}))
-            << ::testing::PrintToString(bytes);
-    }
+    // Overlong "/", an overlong three-byte form, surrogate U+D800, past U+10FFFF, a lead byte never
+    // used, a third byte that is not a continuation, and a bad byte after a run of ASCII.
+    Reads malformedUtf8(7, std::nullopt);
+    malformedUtf8.push_back("ok");
+    EXPECT_EQ(reads("\xC0\xAF\n\xE0\x80\xAF\n\xED\xA0\x80\n\xF4\x90\x80\x80\n\xF5\x80\x80\x80\n\xE2\x82\x28\n"
+                    "abcdefgh\xFFijk\nok", "\n", 64, TextEncoding::utf8, 8), malformedUtf8);
 }
-
-// --- Creation ----------------------------------------------------------------------------------
 
 TEST_F(FileBufferedReaderTest, CreateRefusesWhatCannotWork) {
     const std::string path = write("text");
@@ -234,8 +204,6 @@ TEST_F(FileBufferedReaderDeathTest, CloseIsIdempotentAndReadLineAfterCloseStopsT
     EXPECT_DEATH(reader->readLine(), "FileBufferedReader::readLine called after close\\(\\)");
     reader.reset();  // must not close the file a second time (ASan or glibc would object)
 }
-
-// --- StringBufferedReader ----------------------------------------------------------------------
 
 Lines split(std::string_view text) {
     StringBufferedReader reader(text);

@@ -31,18 +31,9 @@ TEST(NetworkRouterErrorTest, CasesCarryTheirPayloads) {
     EXPECT_EQ(*byPlugin.pluginName(), "Auth");
 }
 
-TEST(StubBehaviorTest, EqualityComparesTheCaseAndTheDelay) {
-    EXPECT_EQ(zul::StubBehavior::never(), zul::StubBehavior::never());
-    EXPECT_NE(zul::StubBehavior::immediate(), zul::StubBehavior::never());
-    EXPECT_NE(zul::StubBehavior::delayed(1), zul::StubBehavior::delayed(2));
-}
-
 TEST(ResultOperationsTest, OptionalOrErrorTupleObserversAndThrowingBodies) {
     RouterResult present(std::optional<int>(4), NetworkRouterError::invalidUrl());
     RouterResult absent(std::optional<int>(), NetworkRouterError::invalidUrl());
-    EXPECT_EQ(present.value(), 4);
-    EXPECT_EQ(absent.error().kind(), NetworkRouterError::Kind::invalidUrl);
-
     const auto [value, error] = zul::convertToTuple(absent);
     EXPECT_FALSE(value.has_value());
     ASSERT_TRUE(error.has_value());
@@ -58,14 +49,12 @@ TEST(ResultOperationsTest, OptionalOrErrorTupleObserversAndThrowingBodies) {
 
     // A throwing flatMap and catchToResult collect what the body throws.
     const RouterResult four = zul::success(4);
-    const auto doubled = four.flatMap([](int v) { return v * 2; });
-    EXPECT_EQ(doubled.value(), 8);
-    const auto thrown = four.flatMap([](int) -> int { throw NetworkRouterError::delayed(); });
-    EXPECT_EQ(thrown.error().kind(), NetworkRouterError::Kind::delayed);
+    const auto throwing = [](int) -> int { throw NetworkRouterError::delayed(); };
+    EXPECT_EQ(four.flatMap([](int v) { return v * 2; }).value(), 8);
+    EXPECT_EQ(four.flatMap(throwing).error().kind(), NetworkRouterError::Kind::delayed);
     // On a failure the body does not run: had it run, the error would be its `delayed`.
     const RouterResult failed = zul::failure(NetworkRouterError::cancelled());
-    const auto skipped = failed.flatMap([](int) -> int { throw NetworkRouterError::delayed(); });
-    EXPECT_EQ(skipped.error().kind(), NetworkRouterError::Kind::cancelled);
+    EXPECT_EQ(failed.flatMap(throwing).error().kind(), NetworkRouterError::Kind::cancelled);
 
     // Any error fits an AnyError result.
     const auto anything = zul::Result<int>::catchToResult([]() -> int { throw std::out_of_range("x"); });

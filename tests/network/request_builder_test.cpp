@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "network/request_builder.hpp"
+#include "network/router_support.hpp"
 #include "zul/network/service.hpp"
 
 namespace {
@@ -32,48 +33,29 @@ struct TestService final : zul::ServiceType {
     Task task() const override { return serviceTask; }
 };
 
-/// The router error a build ends with (`.value()` on it throws, failing the test, if it succeeds).
-std::optional<NetworkRouterError> buildError(const ServiceType& service, const NetworkEnvironment* environment) {
-    try {
-        (void)detail::buildRequest(service, environment, nullptr);
-    } catch (const NetworkRouterError& error) {
-        return error;
-    }
-    return std::nullopt;
-}
-
-TEST(RequestBuilderTest, BaseAddressFromACustomURLOrFromTheEnvironment) {
+TEST(RequestBuilderTest, AddressFromACustomURLOrTheEnvironmentThenPathMethodAndTimeOut) {
     const Host host("api.example.com:8443");
-    TestService custom;
-    custom.base = BaseURLOptions::custom(*URL::fromString("https://cdn.example.com/v2"));
-    EXPECT_EQ(zul::detail::baseURL(custom, &host).absoluteString(), "https://cdn.example.com/v2");
-
-    TestService api;
-    EXPECT_EQ(zul::detail::baseURL(api, &host).absoluteString(), "https://api.example.com:8443/");
-    api.serviceSchema = zul::SchemaType::custom("wss");
-    EXPECT_EQ(zul::detail::baseURL(api, &host).absoluteString(), "wss://api.example.com:8443/");
-
-    const Host broken("bad host name");
-    EXPECT_EQ(buildError(TestService{}, &broken).value().kind(), NetworkRouterError::Kind::invalidUrl);
-}
-
-TEST(RequestBuilderTest, PathMethodTimeOutAndDefaults) {
-    const Host host("h");
     TestService service;
     auto request = zul::detail::buildRequest(service, &host, nullptr);
-    EXPECT_EQ(request.url()->absoluteString(), "https://h/");  // an empty path keeps the "/"
+    EXPECT_EQ(request.url()->absoluteString(), "https://api.example.com:8443/");  // an empty path keeps the "/"
     EXPECT_EQ(request.httpMethod(), "GET");
     EXPECT_EQ(request.timeoutInterval(), 15.0);
     EXPECT_EQ(request.cachePolicy(), zul::URLRequestCachePolicy::useProtocolCachePolicy);
     EXPECT_TRUE(request.allHTTPHeaderFields().empty() && !request.httpBody());
-    EXPECT_EQ(service.responseFormat(), zul::ResponseFormat::json);
-    EXPECT_TRUE(service.shouldPropagateErrorAfterCancelling() && !service.keepSuspended() && !service.sampleResponse());
 
     service.servicePath = "v1/movies list";
     service.method = zul::HTTPMethod::delete_;
+    service.serviceSchema = zul::SchemaType::custom("wss");
     request = zul::detail::buildRequest(service, &host, nullptr);
-    EXPECT_EQ(request.url()->absoluteString(), "https://h/v1/movies%20list");
+    EXPECT_EQ(request.url()->absoluteString(), "wss://api.example.com:8443/v1/movies%20list");
     EXPECT_EQ(request.httpMethod(), "DELETE");
+    // A custom URL is used as it is, whatever the schema.
+    service.base = BaseURLOptions::custom(*URL::fromString("https://cdn.example.com/v2"));
+    EXPECT_EQ(zul::detail::baseURL(service, &host).absoluteString(), "https://cdn.example.com/v2");
+
+    const Host broken("bad host name");
+    EXPECT_EQ(test::routerError([&] { (void)detail::buildRequest(TestService{}, &broken, nullptr); }).kind(),
+              NetworkRouterError::Kind::invalidUrl);
 
     using M = zul::HTTPMethod;
     for (const auto& [method, token] : {std::pair{M::get, "GET"}, {M::post, "POST"}, {M::put, "PUT"},
@@ -88,7 +70,6 @@ TEST(RequestBuilderTest, DataServiceMembers) {
     auto request = zul::detail::buildRequest(get, nullptr, nullptr);
     EXPECT_EQ(request.url()->absoluteString(), "https://h/file?x=1");
     EXPECT_EQ(request.timeoutInterval(), 15.0);
-    EXPECT_EQ(get.responseFormat(), zul::ResponseFormat::rawData);
 
     const auto post = zul::DataService::post(url, zul::dataFromString("body"), zul::NetworkRequestParameters{2.5},
                                              HeaderMap{{"X-Trace", "7"}});
@@ -138,7 +119,7 @@ TEST(RequestBuilderTest, TasksEncodeInTheirOrderOrFailAndHeadersMergeServiceOver
     EXPECT_THROW((void)zul::detail::buildRequest(service, &host, nullptr), std::invalid_argument);
 
     service.serviceTask = Task::requestCompositeParameters(AnyMap{{"when", Date{}}}, AnyMap{{"q", "x"}});
-    const NetworkRouterError error = buildError(service, &host).value();
+    const auto error = test::routerError([&] { (void)detail::buildRequest(service, &host, nullptr); });
     EXPECT_EQ(error.kind(), NetworkRouterError::Kind::encoding);
     ASSERT_NE(error.params(), nullptr);
     EXPECT_TRUE(error.params()->contains("when"));

@@ -1,6 +1,8 @@
 #pragma once
 
-// Services and plug-ins that the router tests share.
+// Services, plug-ins and checks that the network tests share.
+
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <mutex>
@@ -11,6 +13,18 @@
 #include "zul/network/service.hpp"
 
 namespace zul::test {
+
+/// The router error `body` throws (a test failure when it throws none).
+template <class F>
+NetworkRouterError routerError(F&& body) {
+    try {
+        body();
+    } catch (const NetworkRouterError& error) {
+        return error;
+    }
+    ADD_FAILURE() << "no router error was thrown";
+    return NetworkRouterError::unknownError();
+}
 
 /// A service on a full base address, configurable field by field.
 struct LocalService : ServiceType {

@@ -248,7 +248,6 @@ TEST_F(RouterTest, PluginsVetoRewriteAndReject) {
     const RouterResult stopped = sendOne(*router, ProbedService(server.url(), "moved"));
     ASSERT_TRUE(stopped.isSuccess());
     EXPECT_EQ(stopped.value().statusCode, 302);
-    EXPECT_EQ(text(stopped.value().data), "moved");
     EXPECT_EQ(stopped.value().request.value("X-Probe"), "rewritten");
 }
 
@@ -290,10 +289,10 @@ TEST_F(RouterTest, ParkedRequestsWaitForResumeAndRunInParkingOrder) {
     EXPECT_EQ(server.requestCount(), 4u);
 }
 
-TEST_F(RouterTest, CancelStopsKnownTokensAndIgnoresOthers) {
+TEST_F(RouterTest, CancelStopsKnownTokensAndADestroyedRouterAllItsRequests) {
     const LocalService slowService(server.url(), "slow");
-    Outcomes slow, other;
-    const auto token = router->request(slowService, slow.collect());
+    Outcomes cancelled, other;
+    const auto token = router->request(slowService, cancelled.collect());
     router->request(slowService, other.collect());
     ASSERT_TRUE(zul::test::waitUntil([&] { return server.requestCount() == 2; }));
 
@@ -303,8 +302,15 @@ TEST_F(RouterTest, CancelStopsKnownTokensAndIgnoresOthers) {
     EXPECT_EQ(router->runningRequestCount(), 1u);
     ASSERT_TRUE(other.waitFor(1));
     EXPECT_TRUE(other.results[0].isSuccess());
+
+    // Destroyed with one request in flight and one parked.
+    router->request(slowService, cancelled.collect());
+    router->setKeepSuspended(true);
+    router->request(LocalService(server.url(), "echo"), cancelled.collect());
+    ASSERT_TRUE(zul::test::waitUntil([&] { return server.requestCount() == 3; }));
+    router.reset();
     MainLoop::runFor(300ms);
-    EXPECT_TRUE(slow.results.empty());  // a cancelled request reports nothing
+    EXPECT_TRUE(cancelled.results.empty());  // a cancelled request reports nothing
 }
 
 TEST_F(RouterTest, StubsAnswerFromTheSampleWithoutTheNetwork) {
@@ -361,17 +367,6 @@ TEST_F(RouterTest, DecodesBodiesWholeOrBelowOneKeyPath) {
     ASSERT_NE(decoding, nullptr);
     EXPECT_EQ(decoding->kind(), zul::DecodingError::Kind::dataCorrupted);
     EXPECT_NE(decoding->description().find("Keypath keyPath not found"), std::string::npos);
-}
-
-TEST_F(RouterTest, ARouterDestroyedWithRequestsInFlightCancelsThem) {
-    Outcomes outcomes;
-    router->request(LocalService(server.url(), "slow"), outcomes.collect());
-    router->setKeepSuspended(true);
-    router->request(LocalService(server.url(), "echo"), outcomes.collect());
-    ASSERT_TRUE(zul::test::waitUntil([&] { return server.requestCount() == 1; }));
-    router.reset();
-    MainLoop::runFor(300ms);
-    EXPECT_TRUE(outcomes.results.empty());
 }
 
 using RouterDeathTest = RouterTest;

@@ -29,12 +29,9 @@ TEST(NumberFormatTest, PositionalFromTenToTheMinusFourUpToTwoToThe53ForDoublesAn
     const std::pair<double, std::string_view> cases[] = {
         {1.0, "1.0"},          {100.0, "100.0"},    {-2.5, "-2.5"},  {0.1, "0.1"},
         {0.1 + 0.2, "0.30000000000000004"},         {0.0001, "0.0001"},  // exponent -4: still positional
-        {0.00012345, "0.00012345"},                 {1e15, "1000000000000000.0"},
         {9007199254740992.0, "9007199254740992.0"},  // 2^53 itself
-        {4503599627370495.5, "4503599627370495.5"},
-        {1e-05, "1e-05"},      {0.000012345, "1.2345e-05"},  {-1e-7, "-1e-07"},
+        {4503599627370495.5, "4503599627370495.5"},  {1e-05, "1e-05"},
         {9007199254740994.0, "9.007199254740994e+15"},  // just past 2^53
-        {1e16, "1e+16"},       {123456789012345678.0, "1.2345678901234568e+17"},
         {std::numeric_limits<double>::max(), "1.7976931348623157e+308"},
         {std::numeric_limits<double>::denorm_min(), "5e-324"},
         {0.0, "0.0"},          {-0.0, "-0.0"},      {inf, "inf"},    {-inf, "-inf"},
@@ -64,8 +61,7 @@ TEST(AnyValueTest, DescriptionsPrintElementsInDebugFormAndTextAtTheTopAsItIs) {
         {AnyValue(), "<null>"},  {AnyValue(true), "true"},  {AnyValue(std::int8_t{-5}), "-5"},
         {AnyValue(std::numeric_limits<std::int64_t>::min()), "-9223372036854775808"},
         {AnyValue(std::numeric_limits<std::uint64_t>::max()), "18446744073709551615"},
-        {AnyValue("say \"hi\""), "say \"hi\""},
-        {AnyValue("a\tb\x1b"), "a\tb\x1b"},  // untouched at the top, controls included
+        {AnyValue("a\"b\tc\x1b"), "a\"b\tc\x1b"},  // untouched at the top, quotes and controls included
         {AnyValue(zul::dataFromString("hello")), "5 bytes"},  {AnyValue(zul::Data{0}), "1 bytes"},
         {AnyValue(*url), "https://example.com/a?b=1"},
         {AnyValue(AnyList{*url}), "[https://example.com/a?b=1]"},  // not quoted
@@ -101,7 +97,6 @@ TEST(AnyValueTest, DescriptionsPrintElementsInDebugFormAndTextAtTheTopAsItIs) {
 
 TEST(AnyValueTest, DatesPrintInUTCWholeSecondsRoundingDown) {
     EXPECT_EQ(AnyValue(zul::Date{}).description(), "1970-01-01 00:00:00 +0000");
-    EXPECT_EQ(AnyValue(utc(2019, 3, 4, 5, 6, 7)).description(), "2019-03-04 05:06:07 +0000");
     EXPECT_EQ(AnyValue(utc(2019, 3, 4, 5, 6, 7) + milliseconds{999}).description(), "2019-03-04 05:06:07 +0000");
     EXPECT_EQ(AnyValue(utc(2000, 2, 29, 23, 59, 59)).debugDescription(), "2000-02-29 23:59:59 +0000");
     // Before 1970 sub-seconds still go to the earlier second, not toward the epoch.

@@ -46,8 +46,6 @@ TEST_F(BundleTest, ReadsTheInformationDictionaryFromInfoJson) {
         "ZulTechSettings": {"Platform": "stb", "Extra": [1, "a"]}
     })");
     auto bundle = Bundle::create(directory_);
-    EXPECT_EQ(bundle->bundlePath(), directory_);
-    EXPECT_EQ(bundle->bundleIdentifier(), "tv.example.player");
     // Compared whole, in the file's order. Numbers keep their JSON kind (an integer never equals a
     // double): integers stay integers, a number with a point is a double.
     EXPECT_EQ(*bundle->infoDictionary(),
@@ -55,7 +53,6 @@ TEST_F(BundleTest, ReadsTheInformationDictionaryFromInfoJson) {
                       {"Build", 512}, {"Big", 18446744073709551615ull}, {"Ratio", 1.5}, {"Whole", 2.0},
                       {"Debug", false}, {"Nothing", zul::Null{}},
                       {"ZulTechSettings", AnyMap{{"Platform", "stb"}, {"Extra", AnyList{1, "a"}}}}}));
-    EXPECT_EQ(bundle->object("Ratio"), AnyValue(1.5));
     EXPECT_EQ(bundle->object("Missing"), std::nullopt);
 }
 
@@ -63,7 +60,6 @@ TEST_F(BundleTest, AMissingInfoFileReadsAsEmptySilentlyAndAnUnusableOneWithOneLi
     testing::internal::CaptureStderr();
     auto without = Bundle::create(directory_);  // no Info.json at all
     EXPECT_TRUE(without->infoDictionary()->empty());
-    EXPECT_EQ(without->bundleIdentifier(), std::nullopt);
     EXPECT_EQ(Bundle::create(directory_ / "does-not-exist")->bundleIdentifier(), std::nullopt);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "a missing file is not an error";
 
@@ -141,14 +137,12 @@ TEST_F(BundleTest, TheMainBundleIsTheExecutablesDirectoryUnlessTheHostOrZulBundl
     EXPECT_EQ(Bundle::main(), custom);
 
     Bundle::setMain(nullptr);
-    EXPECT_NE(Bundle::main(), custom);
     EXPECT_EQ(Bundle::main()->bundlePath(), expected);
 
     // In another process ZUL_BUNDLE_PATH names the main bundle; without it, the helper's own
     // directory, which has no Info.json. The helper prints the path and the identifier.
     const auto mainBundleOfHelper = [](const std::string& setting) {
         zul::test::ChildProcess helper(ZUL_PREFERENCES_HELPER, {"bundle"}, {"ZUL_BUNDLE_PATH=" + setting});
-        EXPECT_GT(helper.pid(), 0);
         std::string output = helper.readAll();
         EXPECT_EQ(helper.exitCode(), 0);
         return output;

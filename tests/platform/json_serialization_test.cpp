@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "zul/platform/json_serialization.hpp"
 
@@ -25,17 +27,12 @@ TEST(JSONSerializationTest, CompactOutputKeepsTheMapsOrderAndScalarsStandAlone) 
     EXPECT_EQ(json(AnyList{AnyList{}, AnyMap{}, AnyList{AnyList{1}}}), "[[],{},[[1]]]");
     EXPECT_EQ(zul::stringFromData(JSONSerialization::data(AnyList{1, 2})), "[1,2]");  // compact by default
 
-    EXPECT_EQ(json(zul::Null{}), "null");
-    EXPECT_EQ(json(false), "false");
-    EXPECT_EQ(json(std::numeric_limits<std::int64_t>::min()), "-9223372036854775808");
-    EXPECT_EQ(json(std::numeric_limits<std::uint64_t>::max()), "18446744073709551615");
-    EXPECT_EQ(json(1.0), "1");  // whole numbers lose ".0"
-    EXPECT_EQ(json(-0.0), "-0");
-    EXPECT_EQ(json(9007199254740992.0), "9007199254740992");
-    EXPECT_EQ(json(1e16), "1e+16");
-    EXPECT_EQ(json(0.1f), "0.1");
-    EXPECT_EQ(json(16777216.0f), "16777216");
-    EXPECT_EQ(json("x"), "\"x\"");
+    // Whole numbers lose ".0"; the longest integers are in the next test.
+    const std::pair<AnyValue, std::string_view> scalars[] = {
+        {zul::Null{}, "null"}, {false, "false"}, {1.0, "1"}, {-0.0, "-0"}, {1e16, "1e+16"},
+        {0.1f, "0.1"},         {16777216.0f, "16777216"},    {"x", "\"x\""},
+    };
+    for (const auto& [value, text] : scalars) EXPECT_EQ(json(value), text) << text;
 }
 
 // The writer fills room reserved up front; the longest renderings of each number type, side by
@@ -57,16 +54,14 @@ TEST(JSONSerializationTest, LongestNumbersFitTheRoomReserved) {
 }
 
 TEST(JSONSerializationTest, TextEscapes) {
-    EXPECT_EQ(json("x/y"), "\"x\\/y\"");
     EXPECT_EQ(json("/a//"), "\"\\/a\\/\\/\"");  // escapes first, last and side by side
     EXPECT_EQ(json("q\"b\\"), "\"q\\\"b\\\\\"");
     EXPECT_EQ(json("\b\f\n\r\t"), "\"\\b\\f\\n\\r\\t\"");
-    EXPECT_EQ(json(std::string("\0\x01\x1f ", 4)), "\"\\u0000\\u0001\\u001f \"");
-    EXPECT_EQ(json("\x1b[1m"), "\"\\u001b[1m\"");  // lower-case hex
+    EXPECT_EQ(json(std::string("\0\x01\x1f ", 4)), "\"\\u0000\\u0001\\u001f \"");  // lower-case hex
     EXPECT_EQ(json("\x7f'"), "\"\x7f'\"");         // DEL and the apostrophe are not escaped
     EXPECT_EQ(json("caf\xC3\xA9 \xE2\x82\xAC"), "\"caf\xC3\xA9 \xE2\x82\xAC\"");  // raw UTF-8
     EXPECT_EQ(json(""), "\"\"");
-    EXPECT_EQ(json(AnyMap{{"a/b\n", "v"}}), "{\"a\\/b\\n\":\"v\"}");  // keys too
+    EXPECT_EQ(json(AnyMap{{"a/b\n", "v"}}), "{\"a\\/b\\n\":\"v\"}");  // keys too, a slash in between
 }
 
 TEST(JSONSerializationTest, PrettyPrintingIndentsByTwoAndEmptyContainersKeepBothLineBreaks) {

@@ -46,8 +46,6 @@ TEST(RegularExpressionTest, CompileReturnsNullForAnInvalidPattern) {
 TEST(RegularExpressionTest, DotNeverMatchesALineTerminatorAndAnchorsRecognizeEveryOne) {
     for (std::string_view terminator : {"\n"sv, "\v"sv, "\f"sv, "\r"sv, "\u0085"sv, "\u2028"sv, "\u2029"sv}) {
         EXPECT_FALSE(wholeMatch(".", terminator)) << static_cast<int>(terminator[0]);
-        EXPECT_EQ(compiled("a.b")->replacingMatches("a" + std::string(terminator) + "b", "X"),
-                  "a" + std::string(terminator) + "b");
     }
     // The characters next to the terminators are ordinary.
     for (std::string_view other : {"\t"sv, "\x0e"sv, "\u0084"sv, "\u2027"sv, "\u202A"sv, "\u00A0"sv, "\u00E9"sv}) {
@@ -56,17 +54,13 @@ TEST(RegularExpressionTest, DotNeverMatchesALineTerminatorAndAnchorsRecognizeEve
     // One character, not one byte.
     EXPECT_EQ(matchedTexts("a.c", "a\u20ACc"), std::vector<std::string>{"a\u20ACc"});
 
-    // Long enough subjects are scanned in words; the terminator or the multi-byte character is
-    // put at every position of them.
+    // Long enough subjects are scanned in words; a terminator, a tab or a multi-byte character
+    // is put at every position of them.
     for (std::size_t at = 1; at + 1 < 24; ++at) {
-        for (const char terminator : {'\v', '\f', '\r'}) {
+        for (const char between : {'\v', '\f', '\r', '\t'}) {
             std::string text(24, 'x');
-            text[at - 1] = 'a';
-            text[at] = terminator;
-            text[at + 1] = 'b';
-            EXPECT_FALSE(compiled("a.b")->hasMatch(text)) << at << " " << int{terminator};
-            text[at] = '\t';
-            EXPECT_TRUE(compiled("a.b")->hasMatch(text)) << at;
+            text.replace(at - 1, 3, std::string{'a', between, 'b'});
+            EXPECT_EQ(compiled("a.b")->hasMatch(text), between == '\t') << at << " " << int{between};
         }
         std::string text(24, 'x');
         text.replace(at, 1, "\u00E9");
@@ -105,8 +99,7 @@ TEST(RegularExpressionTest, WordDigitAndBoundaryClassesAreUnicodeAware) {
 
     EXPECT_EQ(matchedTexts("\\b\\w+\\b", "na\u0303o, \u00E9t\u00E9!"),
               (std::vector<std::string>{"na\u0303o", "\u00E9t\u00E9"}));
-    EXPECT_EQ(matchedTexts("\\Bb", "ab b"), std::vector<std::string>{"b"});
-    EXPECT_EQ(compiled("\\Bb")->matches("ab b").at(0).groups.at(0), (std::pair<std::size_t, std::size_t>{1, 1}));
+    EXPECT_EQ(compiled("\\Bb")->replacingMatches("ab b", "X"), "aX b");
     EXPECT_EQ(compiled("\\bcat\\b")->replacingMatches("cat concat cat_x cat", "C"), "C concat cat_x C");
     EXPECT_EQ(compiled("\\bcat\\b")->replacingMatches("cat \u00E9cat cat\u0301 cat", "C"), "C \u00E9cat cat\u0301 C");
 }
@@ -131,13 +124,11 @@ TEST(RegularExpressionTest, RewrittenClassesCombineWithTheirOtherItemsAndLeaveQu
 
 TEST(RegularExpressionTest, CaseInsensitiveMatchingIsUnicodeAware) {
     EXPECT_TRUE(wholeMatch("\u00C9T\u00C9", "\u00E9t\u00E9", true));
-    EXPECT_TRUE(wholeMatch("\u0416", "\u0436", true));
     EXPECT_TRUE(wholeMatch("uri=\"", "URI=\"", true));
     EXPECT_FALSE(wholeMatch("\u00C9", "\u00E9"));
     // The same ASCII pattern folds non-ASCII subjects too.
     EXPECT_TRUE(wholeMatch("k", "\u212A", true));
     EXPECT_TRUE(wholeMatch("s+", "sS\u017F", true));
-    EXPECT_FALSE(wholeMatch("s+", "sS\u017F"));
     EXPECT_EQ(compiled("O", true)->replacingMatches("foo", "0"), "f00");
 }
 
@@ -148,7 +139,6 @@ TEST(RegularExpressionTest, MatchesReportGroupsAndStepOverEmptyMatchesAndInvalid
     EXPECT_EQ(matches[0].groups, (std::vector<Range>{std::pair{1U, 1U}, std::pair{1U, 1U}, std::nullopt}));
     EXPECT_EQ(matches[1].groups, (std::vector<Range>{std::pair{2U, 1U}, std::nullopt, std::pair{2U, 1U}}));
     EXPECT_TRUE(compiled("(a)|(b)")->matches("xyz").empty());
-    EXPECT_FALSE(compiled("(a)|(b)")->hasMatch("xyz"));
 
     // Empty matches advance by one character: two-byte and three-byte characters are stepped over whole.
     EXPECT_EQ(matchedTexts("x*", "axb"), (std::vector<std::string>{"", "x", "", ""}));
@@ -156,7 +146,6 @@ TEST(RegularExpressionTest, MatchesReportGroupsAndStepOverEmptyMatchesAndInvalid
     ASSERT_EQ(empty.size(), 3U);
     EXPECT_EQ(empty[1].groups[0]->first, 2U);
     EXPECT_EQ(empty[2].groups[0]->first, 5U);
-    EXPECT_EQ(compiled("x*")->replacingMatches("\u00E9\u20AC", "-"), "-\u00E9-\u20AC-");
     EXPECT_EQ(compiled("a*")->replacingMatches("baac", "<$0>"), "<>b<aa><>c<>");
     // An empty match does not let an alternative take the same character afterwards.
     EXPECT_EQ(compiled("|a")->replacingMatches("a", "[$0]"), "[]a[]");
