@@ -22,24 +22,20 @@ void TaskList::appendAgain(std::shared_ptr<NetworkTask> task) {
 }
 
 bool TaskList::remove(const NetworkTask& task) {
-    for (std::size_t i = head_; i < entries_.size(); ++i) {
-        if (entries_[i].get() == &task) {
-            clearFrom(i, &task);
-            return true;
-        }
-    }
-    return false;
+    auto same = [&task](const NetworkTask& listed) { return &listed == &task; };
+    const std::size_t i = indexOf(same);
+    if (i == entries_.size()) return false;
+    clearFrom(i, &task);
+    return true;
 }
 
 std::shared_ptr<NetworkTask> TaskList::removeToken(const std::string& token) {
-    for (std::size_t i = head_; i < entries_.size(); ++i) {
-        if (entries_[i] && entries_[i]->token() == token) {
-            std::shared_ptr<NetworkTask> found = entries_[i];
-            clearFrom(i, found.get());
-            return found;
-        }
-    }
-    return nullptr;
+    auto withToken = [&token](const NetworkTask& listed) { return listed.token() == token; };
+    const std::size_t i = indexOf(withToken);
+    if (i == entries_.size()) return nullptr;
+    std::shared_ptr<NetworkTask> found = entries_[i];
+    clearFrom(i, found.get());
+    return found;
 }
 
 std::vector<std::shared_ptr<NetworkTask>> TaskList::takeAll() {

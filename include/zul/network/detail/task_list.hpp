@@ -36,11 +36,8 @@ public:
     /// The first listed task `match` accepts, or null.
     template <class Match>
     std::shared_ptr<NetworkTask> find(Match match) const {
-        for (std::size_t i = head_; i < entries_.size(); ++i) {
-            const std::shared_ptr<NetworkTask>& task = entries_[i];
-            if (task && match(*task)) return task;
-        }
-        return nullptr;
+        const std::size_t i = indexOf(match);
+        return i < entries_.size() ? entries_[i] : nullptr;
     }
     /// Calls `visit` with every listing, in order.
     template <class Visit>
@@ -54,6 +51,13 @@ public:
     std::size_t size() const noexcept { return entries_.size() - head_ - holes_; }
 
 private:
+    // Where the first listed task `match` accepts is, or entries_.size().
+    template <class Match>
+    std::size_t indexOf(Match& match) const {
+        std::size_t i = head_;
+        while (i < entries_.size() && !(entries_[i] && match(*entries_[i]))) ++i;
+        return i;
+    }
     // Clears the listings of `task` from `from` on: all of them when some task is listed twice,
     // else the one at `from`.
     void clearFrom(std::size_t from, const NetworkTask* task);
