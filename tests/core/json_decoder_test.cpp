@@ -4,13 +4,13 @@
 #include <chrono>
 #include <map>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "support/thrown.hpp"
 #include "zul/core/codable.hpp"
 #include "zul/core/json_decoder.hpp"
 
@@ -77,12 +77,7 @@ struct Pair {
 
 template <class F>
 DecodingError failure(F&& decode) {
-    try {
-        decode();
-    } catch (const DecodingError& error) {
-        return error;
-    }
-    throw std::logic_error("the decode did not fail");
+    return zul::test::thrown<DecodingError>(std::forward<F>(decode));
 }
 
 // "Type:text#int/..." so a whole path, key types included, compares in one check.

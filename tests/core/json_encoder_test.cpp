@@ -7,12 +7,12 @@
 #include <limits>
 #include <map>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "support/thrown.hpp"
 #include "zul/core/codable.hpp"
 #include "zul/core/json_decoder.hpp"
 #include "zul/core/json_encoder.hpp"
@@ -51,12 +51,7 @@ std::string text(const auto& value) { return text(JSONEncoder(), value); }
 
 template <class F>
 EncodingError failure(F&& encode) {
-    try {
-        encode();
-    } catch (const EncodingError& error) {
-        return error;
-    }
-    throw std::logic_error("the encode did not fail");
+    return zul::test::thrown<EncodingError>(std::forward<F>(encode));
 }
 
 Movie sampleMovie() {

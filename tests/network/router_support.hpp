@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/thrown.hpp"
 #include "zul/network/plugins.hpp"
 #include "zul/network/service.hpp"
 
@@ -17,13 +18,7 @@ namespace zul::test {
 /// The router error `body` throws (a test failure when it throws none).
 template <class F>
 NetworkRouterError routerError(F&& body) {
-    try {
-        body();
-    } catch (const NetworkRouterError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "no router error was thrown";
-    return NetworkRouterError::unknownError();
+    return thrown<NetworkRouterError>(std::forward<F>(body));
 }
 
 /// A service on a full base address, configurable field by field.
