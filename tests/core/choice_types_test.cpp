@@ -12,6 +12,7 @@
 #include <tuple>
 #include <vector>
 
+#include "support/thrown.hpp"
 #include "zul/core/json_decoder.hpp"
 #include "zul/core/result.hpp"
 
@@ -39,13 +40,7 @@ std::string present(const Answer& a) {
 
 template <class T>
 DecodingError decodingError(std::string_view json) {
-    try {
-        (void)zul::JSONDecoder().decode<T>(json);
-    } catch (const DecodingError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "no error for " << json;
-    return DecodingError::dataCorrupted({});
+    return zul::test::thrown<DecodingError>([&] { (void)zul::JSONDecoder().decode<T>(json); });
 }
 
 struct NeedsA {
@@ -79,8 +74,7 @@ TEST(AnswerTest, EachCaseAnswersOnlyItsOwnAccessorInTagOrder) {
         EXPECT_EQ(static_cast<std::size_t>(cases[tag].first.kind()), tag);
         EXPECT_EQ(present(cases[tag].first), cases[tag].second) << "tag " << tag;
     }
-    EXPECT_EQ(present(Answer(std::string_view(""))), "string ");
-    EXPECT_EQ(*Answer("").maybeString(), "");
+    EXPECT_EQ(Answer(std::string_view("")).maybeString(), "");
     EXPECT_EQ(*Answer(false).maybeBool(), false);
     EXPECT_EQ(*Answer(2.5f).maybeFloat(), 2.5f);
     EXPECT_EQ(*Answer(std::int8_t{-3}).maybeInt(), -3);
@@ -90,10 +84,9 @@ TEST(AnswerTest, EachCaseAnswersOnlyItsOwnAccessorInTagOrder) {
 
 TEST(AnswerTest, DescriptionPerCaseAndDictionariesQuoteEachValuesPlainText) {
     const std::pair<Answer, std::string_view> cases[] = {
-        {Answer("a b"), "a b"}, {Answer(2.5), "."}, {Answer(0.0), "."}, {Answer(std::nan("")), "."},
-        {Answer(1.5f), "."}, {Answer(-3.0f), "."}, {Answer(-7), "-7"}, {Answer(true), "true"}, {Answer(false), "false"},
-        {Answer(std::numeric_limits<std::uint64_t>::max()), "18446744073709551615"}, {Answer::none(), ""},
-        {Answer(Answer::Dictionary{}), "[:]"},
+        {Answer("a b"), "a b"}, {Answer(2.5), "."}, {Answer(1.5f), "."}, {Answer(-7), "-7"}, {Answer(true), "true"},
+        {Answer(false), "false"}, {Answer(std::numeric_limits<std::uint64_t>::max()), "18446744073709551615"},
+        {Answer::none(), ""}, {Answer(Answer::Dictionary{}), "[:]"},
         // A dictionary quotes each value's plain text.
         {Answer(Answer::Dictionary{{"key", "text"}, {1, 5}}), R"(["key": "text", 1: "5"])"},
     };
@@ -161,7 +154,6 @@ TEST(EitherTest, NeitherTypeIsDataCorruptedAtTheDecodersPathAndMapCallsOnlyTheCa
 
 TEST(MaybeDecodableTest, AbsentInsteadOfAnyErrorButRunningOutOfMemory) {
     const zul::JSONDecoder decoder;
-    EXPECT_EQ(decoder.decode<MaybeDecodable<long>>("5").decoded, 5L);
     for (const char* json : {R"("abc")", "null", "1.5"}) {
         EXPECT_FALSE(decoder.decode<MaybeDecodable<long>>(json).decoded.has_value()) << json;
     }

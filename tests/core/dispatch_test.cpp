@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <mutex>
 #include <numeric>
 #include <thread>
 #include <vector>
@@ -44,52 +43,34 @@ TEST(ZulDispatchCustomTest, JobsFromManyThreadsNeverOverlapAndKeepEachThreadsOrd
     for (const auto& perThread : seen) EXPECT_EQ(perThread, inOrder);
 }
 
-TEST(ZulDispatchCustomTest, DelayedJobsRunInDeadlineOrderAndPastDeadlinesAtOnce) {
-    auto dispatcher = zul::ZulDispatchCustom::create("test.custom.after");
-    std::mutex mutex;
-    std::vector<int> order;
-    const auto now = zul::DispatchClock::now();
-    for (int delay : {50, 10, 30, -5000}) {  // the last deadline is long past
-        dispatcher->async(now + std::chrono::milliseconds(delay), [&, delay] {
-            std::lock_guard lock(mutex);
-            order.push_back(delay);
-        });
-    }
-    ASSERT_TRUE(zul::test::waitUntil([&] {
-        std::lock_guard lock(mutex);
-        return order.size() == 4;
-    }));
-    std::lock_guard lock(mutex);
-    EXPECT_EQ(order, (std::vector<int>{-5000, 10, 30, 50}));
-}
-
-TEST(ZulDispatchCustomTest, SameLabelMakesDistinctQueuesAndWorkOutlivesTheDispatcher) {
+// The order of delayed jobs, and of the main queue's jobs, is the queue's own; here, that the
+// dispatchers hand each job to the right queue with its deadline.
+TEST(ZulDispatchCustomTest, SameLabelMakesDistinctQueuesAndDelayedWorkRunsNoEarlierThanItsDeadlineAfterTheDispatcherIsGone) {
     auto first = zul::ZulDispatchCustom::create("test.same");
     auto second = zul::ZulDispatchCustom::create("test.same");
     EXPECT_NE(first->queue(), second->queue());
 
     std::atomic<bool> ran{false};
-    first->async(zul::dispatchTimeAfter(0.03), [&] { ran = true; });
+    std::atomic<bool> early{false};
+    const auto deadline = zul::dispatchTimeAfter(0.03);
+    first->async(deadline, [&] {
+        early = zul::DispatchClock::now() < deadline;
+        ran = true;
+    });
     first.reset();
     EXPECT_TRUE(zul::test::waitUntil([&] { return ran.load(); }));
+    EXPECT_FALSE(early.load());
 }
 
-TEST(ZulDispatchMainTest, JobsRunInOrderOnTheThreadRunningTheMainLoop) {
+TEST(ZulDispatchMainTest, JobsRunOnTheThreadRunningTheMainLoop) {
     std::shared_ptr<zul::Dispatcher> dispatcher = zul::ZulDispatchMain::create();
-    std::vector<int> order;
-    std::vector<std::thread::id> threads;
+    std::vector<std::thread::id> threads;  // touched only on the main thread
     std::thread([&] {
-        for (int i = 0; i < 50; ++i) {
-            dispatcher->async([&, i] {
-                order.push_back(i);
-                threads.push_back(std::this_thread::get_id());
-            });
-        }
-        dispatcher->async(zul::dispatchTimeAfter(0.01), [&] { order.push_back(50); });
+        dispatcher->async([&] { threads.push_back(std::this_thread::get_id()); });
+        dispatcher->async(zul::dispatchTimeAfter(0.01), [&] { threads.push_back(std::this_thread::get_id()); });
     }).join();
-    ASSERT_TRUE(zul::MainLoop::runUntil([&] { return order.size() == 51; }, 10s));
-    for (int i = 0; i <= 50; ++i) EXPECT_EQ(order[static_cast<std::size_t>(i)], i);
-    for (const auto& id : threads) EXPECT_EQ(id, std::this_thread::get_id());
+    ASSERT_TRUE(zul::MainLoop::runUntil([&] { return threads.size() == 2; }, 10s));
+    EXPECT_EQ(threads, std::vector(2, std::this_thread::get_id()));
 }
 
 TEST(ZulDispatchTest, WrapsAnyQueue) {

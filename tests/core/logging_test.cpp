@@ -117,11 +117,9 @@ TEST(LoggingTest, AMessageReachesTheLoggersOfItsLevelWhenSwitchedOnAndOnlyThenIs
     EXPECT_EQ(hub->levels(), (zul::ZulLogLevels{ZulLog::error, ZulLog::debug, ZulLog::info, ZulLog::warn}));
     std::atomic<int> calls{0};
 
-    // A logger for warnings only: no text is made for a level nobody listens to.
+    // A logger for warnings only: no text is made for a level nobody listens to (counted below).
     auto warns = scope.logger("warns", {ZulLog::warn});
     ZulLog::debug.send(CountingText{&calls, "unheard"});
-    hub->flush();
-    EXPECT_EQ(calls.load(), 0);  // a logger only logs made texts: this one did not reach it
 
     // The text is made once, on the hub's queue.
     std::atomic<bool> onHubQueue{false};  // not on the caller's thread
@@ -156,7 +154,7 @@ TEST(LoggingTest, AMessageReachesTheLoggersOfItsLevelWhenSwitchedOnAndOnlyThenIs
     ZulLog::warn.send(CountingText{&calls, "w2"});
     ZulLog::error.send(CountingText{&calls, "e3"});
     hub->flush();
-    EXPECT_EQ(calls.load(), 3);  // "heard", d2 and w2, each made once: neither i2 nor e3
+    EXPECT_EQ(calls.load(), 3);  // "heard", d2 and w2, each made once: neither "unheard", i2 nor e3
     EXPECT_EQ(debugs->texts(), (std::vector<std::string>{"d1", "d2"}));
     EXPECT_EQ(warns->texts(), (std::vector<std::string>{"heard", "w1", "w2"}));
 }
@@ -203,7 +201,6 @@ TEST(LoggingTest, OneLoggerRegisteredForTwoLevelsGetsBothThroughQueuesOfItsOwn) 
     const std::regex labelPattern(R"(dev\.zul\.logger\.queue\.[0-9A-F]{8}(-[0-9A-F]{4}){3}-[0-9A-F]{12})");
     for (const auto& registration : mine) {
         EXPECT_TRUE(std::regex_match(registration.queue->label(), labelPattern)) << registration.queue->label();
-        EXPECT_TRUE(registration.queue->isSerial());
     }
 
     // The info message holds its queue until the error message has been logged: possible only

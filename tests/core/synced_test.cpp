@@ -17,9 +17,7 @@ using namespace std::chrono_literals;
 TEST(SyncedTest, AnAbsentLockNeverRunsTheClosure) {
     bool ran = false;
     zul::synced(nullptr, [&] { ran = true; });
-    const int* none = nullptr;
-    zul::synced(none, [&] { ran = true; });
-    zul::synced(std::shared_ptr<int>(), [&] { ran = true; });
+    zul::synced(std::shared_ptr<int>(), [&] { ran = true; });  // through the pointer's own check
     EXPECT_FALSE(ran);
 }
 

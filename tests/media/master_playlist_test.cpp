@@ -15,18 +15,11 @@ namespace {
 using zul::MasterPlaylist;
 using zul::MediaPlaylist;
 using zul::VideoSize;
-using Entries = std::vector<std::pair<std::string, std::string>>;
+using Parameters = zul::OrderedMap<std::string>;
 
 MasterPlaylist parse(std::string_view text) {
     zul::StringBufferedReader reader(text);
     return MasterPlaylist::create(reader);
-}
-
-Entries parameters(std::string_view text) {
-    const auto map = MasterPlaylist::getParameters(text).value();
-    Entries result;
-    for (const auto& [key, value] : map) result.emplace_back(key, value);
-    return result;
 }
 
 MediaPlaylist variant(std::int64_t programId, std::int64_t bandwidth, std::optional<VideoSize> resolution,
@@ -94,7 +87,7 @@ TEST(MasterPlaylistTest, UnusableAttributeValuesBecomeDefaultsAndEachURIPairsWit
 }
 
 TEST(MasterPlaylistTest, GetParametersTakesWordOrQuotedValuesInOrderLaterKeysOverwritingInPlace) {
-    const std::pair<std::string_view, Entries> cases[] = {
+    const std::pair<std::string_view, Parameters> cases[] = {
         {"#EXT-X-STREAM-INF:BANDWIDTH=1280000,RESOLUTION=1280x720,CODECS=\"avc1.4d401f,mp4a.40.2\"",
          {{"BANDWIDTH", "1280000"}, {"RESOLUTION", "1280x720"}, {"CODECS", "\"avc1.4d401f,mp4a.40.2\""}}},
         {"NAME=\"English (US)\",LANGUAGE=\"en US.x\"", {{"LANGUAGE", "\"en US.x\""}}},
@@ -105,7 +98,7 @@ TEST(MasterPlaylistTest, GetParametersTakesWordOrQuotedValuesInOrderLaterKeysOve
         {"=1,A=,B=\"\"", {}},
         {"A=1,B=2,A=3", {{"A", "3"}, {"B", "2"}}},
     };
-    for (const auto& [text, expected] : cases) EXPECT_EQ(parameters(text), expected) << text;
+    for (const auto& [text, expected] : cases) EXPECT_EQ(MasterPlaylist::getParameters(text), expected) << text;
 }
 
 }  // namespace

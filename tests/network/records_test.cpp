@@ -21,23 +21,12 @@ TEST(ResponseTest, CreateKeepsResponseAndRequestAndReplacesStatusAndBody) {
     EXPECT_EQ(changed.request, request);
 }
 
-// The descriptions of the plug-in and encoding cases are checked where they arise: the router and
-// parameter-encoding tests.
-TEST(NetworkRouterErrorTest, CasesCarryTheirPayloads) {
-    EXPECT_STREQ(NetworkRouterError::requestTimeOut().what(), "requestTimeOut");
-    EXPECT_EQ(NetworkRouterError::cancelled().pluginName(), nullptr);
-    const auto byPlugin = NetworkRouterError::cancelledByPlugin("Auth");
-    ASSERT_NE(byPlugin.pluginName(), nullptr);
-    EXPECT_EQ(*byPlugin.pluginName(), "Auth");
-}
-
 TEST(ResultOperationsTest, OptionalOrErrorTupleObserversAndThrowingBodies) {
     RouterResult present(std::optional<int>(4), NetworkRouterError::invalidUrl());
     RouterResult absent(std::optional<int>(), NetworkRouterError::invalidUrl());
     const auto [value, error] = zul::convertToTuple(absent);
     EXPECT_FALSE(value.has_value());
-    ASSERT_TRUE(error.has_value());
-    EXPECT_EQ(error->kind(), NetworkRouterError::Kind::invalidUrl);
+    EXPECT_EQ(error.value().kind(), NetworkRouterError::Kind::invalidUrl);
 
     int seen = 0;
     int failures = 0;
@@ -59,7 +48,6 @@ TEST(ResultOperationsTest, OptionalOrErrorTupleObserversAndThrowingBodies) {
     // Any error fits an AnyError result.
     const auto anything = zul::Result<int>::catchToResult([]() -> int { throw std::out_of_range("x"); });
     EXPECT_TRUE(anything.error().is<std::out_of_range>());
-    EXPECT_EQ(zul::Result<int>::catchToResult([] { return 3; }).value(), 3);
 }
 
 TEST(ResultOperationsDeathTest, CatchToResultStopsOnAnErrorOfAnotherType) {

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "support/thrown.hpp"
 #include "zul/core/json_decoder.hpp"
 #include "zul/network/responses.hpp"
 
@@ -23,23 +24,9 @@ zul::JSONDecoder withKeyPath(std::string path) {
 
 template <class T>
 DecodingError decodingError(const zul::JSONDecoder& decoder, std::string_view json) {
-    try {
-        (void)decoder.decode<T>(json);
-    } catch (const DecodingError& error) {
-        return error;
-    }
-    ADD_FAILURE() << "no error for " << json;
-    return DecodingError::dataCorrupted({});
+    return zul::test::thrown<DecodingError>([&] { (void)decoder.decode<T>(json); });
 }
 
-struct Movie {
-    std::string title;
-    long year = 0;
-    static Movie decode(const zul::Decoder& d) {
-        const auto fields = d.container();
-        return {fields.decode<std::string>("title"sv), fields.decode<long>("year"sv)};
-    }
-};
 struct Envelope {
     zul::ResponseResult<long> payload;
     static Envelope decode(const zul::Decoder& d) {
@@ -50,12 +37,10 @@ struct Envelope {
 TEST(AnyResponseTest, ScalarsTakeTheFirstReadingThatFitsAndCollectionsKeepDocumentOrder) {
     EXPECT_EQ(*parse("1.0").asInteger(), 1);  // integral numbers are integers before doubles
     EXPECT_EQ(*parse("true").asBool(), true);
-    EXPECT_EQ(*parse("1.5").asDouble(), 1.5);
     EXPECT_EQ(*parse("9223372036854775808").asDouble(), 9223372036854775808.0);  // past Int: a double
     EXPECT_EQ(*parse(R"("1")").asString(), "1");  // text stays text
-    EXPECT_TRUE(parse("null").isNull());
 
-    // Nested maps and lists keep document order.
+    // Nested maps and lists keep document order; comparing them whole checks each member's kind too.
     const AnyResponse value = parse(R"({"z": [1, {"b": null}, "x"], "a": {}, "m": 2.5})");
     const AnyResponse expected(AnyResponse::Dictionary{
         {"z", AnyResponse::Array{1, AnyResponse::Dictionary{{"b", zul::Null{}}}, "x"}},
@@ -86,10 +71,9 @@ TEST(AnyResponseTest, Description) {
 }
 
 TEST(ResponseResultTest, DecodesTheValueUnderOneTopLevelKeyDotsIncludedAndAMissingKeyIsDataCorrupted) {
+    // (A record type below the key is decoded end to end in the router tests.)
     const auto decoder = withKeyPath("data");
-    const auto movie = decoder.decode<zul::ResponseResult<Movie>>(R"({"meta": 1, "data": {"title": "Up", "year": 2009}})");
-    EXPECT_EQ(movie.result.title, "Up");
-    EXPECT_EQ(decoder.decode<zul::ResponseResult<AnyResponse>>(R"({"data": [1]})").result,
+    EXPECT_EQ(decoder.decode<zul::ResponseResult<AnyResponse>>(R"({"meta": 1, "data": [1]})").result,
               AnyResponse(AnyResponse::Array{1}));
 
     const auto dotted = withKeyPath("a.b");

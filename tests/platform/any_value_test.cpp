@@ -65,24 +65,28 @@ TEST(AnyValueTest, DescriptionsPrintElementsInDebugFormAndTextAtTheTopAsItIs) {
         {AnyValue(zul::dataFromString("hello")), "5 bytes"},  {AnyValue(zul::Data{0}), "1 bytes"},
         {AnyValue(*url), "https://example.com/a?b=1"},
         {AnyValue(AnyList{*url}), "[https://example.com/a?b=1]"},  // not quoted
-        {AnyValue::optional(AnyValue(1)), "Optional(1)"},  {AnyValue::optional(AnyValue("a")), "Optional(\"a\")"},
-        {AnyValue::optional(std::nullopt), "nil"},
+        {AnyValue::optional(AnyValue("a")), "Optional(\"a\")"},  {AnyValue::optional(std::nullopt), "nil"},
         {AnyValue::optional(AnyValue::optional(AnyValue(2.0))), "Optional(Optional(2.0))"},
         {AnyValue::optional(AnyValue(AnyList{"x", zul::Null{}})), "Optional([\"x\", <null>])"},
-        {AnyValue(AnyList{1, 2}), "[1, 2]"},  {AnyValue(AnyList{}), "[]"},  {AnyValue(AnyMap{}), "[:]"},
-        {AnyValue(AnyList{"a", 1}), "[\"a\", 1]"},
-        {AnyValue(AnyMap{{"k", "v"}, {"n", 1}}), "[\"k\": \"v\", \"n\": 1]"},
+        {AnyValue(AnyList{"a", 1}), "[\"a\", 1]"},  {AnyValue(AnyList{}), "[]"},  {AnyValue(AnyMap{}), "[:]"},
         {AnyValue(AnyMap{{"k", AnyValue::optional(std::nullopt)}}), "[\"k\": nil]"},
         {AnyValue(AnyList{AnyValue::optional(AnyValue(-3)), 2.0f}), "[Optional(-3), 2.0]"},
         // Insertion order, not key order; escapes in keys and in nested text.
         {nested, "[\"z\": [true, 1.5, []], \"a\\\"b\": [\"t\": \"x\\ny\", \"e\": [:]], \"d\": 2 bytes]"},
         {AnyValue(zul::OpaqueValue{std::make_shared<int>(3), "<Thing 0x1>"}), "<Thing 0x1>"},
+        // Dates in UTC, whole seconds rounding down: before 1970 to the earlier second, not toward 0.
+        {AnyValue(zul::Date{}), "1970-01-01 00:00:00 +0000"},
+        {AnyValue(utc(2019, 3, 4, 5, 6, 7) + milliseconds{999}), "2019-03-04 05:06:07 +0000"},
+        {AnyValue(utc(2000, 2, 29, 23, 59, 59)), "2000-02-29 23:59:59 +0000"},
+        {AnyValue(zul::Date{} - nanoseconds{1}), "1969-12-31 23:59:59 +0000"},
+        {AnyValue(utc(1969, 7, 20, 20, 17, 40) + milliseconds{500}), "1969-07-20 20:17:40 +0000"},
+        {AnyValue(utc(1901, 12, 14, 0, 0, 0)), "1901-12-14 00:00:00 +0000"},
     };
     for (const auto& [value, text] : cases) EXPECT_EQ(value.description(), text);
 
     // The debug form differs only for text, which it quotes and escapes.
     for (const AnyValue& same : {AnyValue(zul::Null{}), AnyValue::optional(AnyValue("a")), nested,
-                                 AnyValue(zul::OpaqueValue{nullptr, "<Thing 0x1>"})}) {
+                                 AnyValue(zul::OpaqueValue{nullptr, "<Thing 0x1>"}), AnyValue(zul::Date{})}) {
         EXPECT_EQ(same.debugDescription(), same.description());
     }
     const std::pair<std::string, std::string_view> texts[] = {
@@ -93,16 +97,6 @@ TEST(AnyValueTest, DescriptionsPrintElementsInDebugFormAndTextAtTheTopAsItIs) {
         {"caf\xC3\xA9 ~ ", "\"caf\xC3\xA9 ~ \""},  // non-ASCII kept
     };
     for (const auto& [text, debug] : texts) EXPECT_EQ(AnyValue(text).debugDescription(), debug);
-}
-
-TEST(AnyValueTest, DatesPrintInUTCWholeSecondsRoundingDown) {
-    EXPECT_EQ(AnyValue(zul::Date{}).description(), "1970-01-01 00:00:00 +0000");
-    EXPECT_EQ(AnyValue(utc(2019, 3, 4, 5, 6, 7) + milliseconds{999}).description(), "2019-03-04 05:06:07 +0000");
-    EXPECT_EQ(AnyValue(utc(2000, 2, 29, 23, 59, 59)).debugDescription(), "2000-02-29 23:59:59 +0000");
-    // Before 1970 sub-seconds still go to the earlier second, not toward the epoch.
-    EXPECT_EQ(AnyValue(zul::Date{} - nanoseconds{1}).description(), "1969-12-31 23:59:59 +0000");
-    EXPECT_EQ(AnyValue(utc(1969, 7, 20, 20, 17, 40) + milliseconds{500}).description(), "1969-07-20 20:17:40 +0000");
-    EXPECT_EQ(AnyValue(utc(1901, 12, 14, 0, 0, 0)).description(), "1901-12-14 00:00:00 +0000");
 }
 
 TEST(AnyValueTest, KindsAndAccessorsAnswerOnlyForTheirOwnKind) {

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <utility>
 
+#include "support/thrown.hpp"
 #include "zul/platform/json_serialization.hpp"
 
 namespace {
@@ -118,12 +119,9 @@ TEST(JSONSerializationTest, RejectsWhatJSONCannotHoldAndLeavesTheOutputAlone) {
         }
         EXPECT_THROW(JSONSerialization::data(value), zul::JSONSerializationError);
     }
-    try {
-        JSONSerialization::data(AnyValue(zul::Date{}));
-        FAIL() << "no error";
-    } catch (const zul::Error& error) {
-        EXPECT_STREQ(error.what(), "Invalid type in JSON write");
-    }
+    const auto error =
+        zul::test::thrown<zul::JSONSerializationError>([] { JSONSerialization::data(AnyValue(zul::Date{})); });
+    EXPECT_STREQ(error.what(), "Invalid type in JSON write");
 }
 
 }  // namespace

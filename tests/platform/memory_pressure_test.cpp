@@ -51,10 +51,9 @@ TEST(MemoryPressureTest, ListenersAreToldOnTheSignallingThreadAllOfThemEvenWhenO
     auto first = std::make_shared<Recorder>();
     auto failing = std::make_shared<Recorder>(/*throwOnCritical=*/true);
     auto last = std::make_shared<Recorder>();
-    MemoryPressure::addResponder(first);
-    MemoryPressure::addResponder(failing);
-    MemoryPressure::addResponder(last);
-    MemoryPressure::addResponder(nullptr);  // ignored
+    for (const auto& recorder : {first, failing, last, std::shared_ptr<Recorder>()}) {
+        MemoryPressure::addResponder(recorder);  // the null one is ignored
+    }
 
     MemoryPressure::signal(Level::moderate);
     EXPECT_THROW(MemoryPressure::signal(Level::critical), std::runtime_error);
@@ -67,7 +66,7 @@ TEST(MemoryPressureTest, ListenersAreToldOnTheSignallingThreadAllOfThemEvenWhenO
 }
 
 // Kept apart from the test above, whose throwing listener stays registered while it runs.
-TEST(MemoryPressureTest, ListenersAreHeldWeaklyAndNotToldOnceReleased) {
+TEST(MemoryPressureTest, ListenersAreHeldWeaklyAndNotToldOnceReleasedWhileOtherThreadsSignalAndRegister) {
     // The recorder outlives its last shared_ptr (a no-op deleter), so a registry that wrongly
     // kept calling it would show in its record instead of crashing.
     Recorder recorder;
@@ -84,11 +83,8 @@ TEST(MemoryPressureTest, ListenersAreHeldWeaklyAndNotToldOnceReleased) {
     MemoryPressure::addResponder(survivor);
     MemoryPressure::signal(Level::critical);
     EXPECT_EQ(survivor->levels(), std::vector<Level>{Level::critical});
-}
 
-TEST(MemoryPressureTest, ConcurrentSignalsAndRegistrationsFromSeveralThreads) {
-    auto steady = std::make_shared<Recorder>();
-    MemoryPressure::addResponder(steady);
+    // Signals and registrations from several threads at once: none is lost.
     std::vector<std::thread> threads;
     for (int t = 0; t < 3; ++t) {
         threads.emplace_back([t] {
@@ -99,7 +95,7 @@ TEST(MemoryPressureTest, ConcurrentSignalsAndRegistrationsFromSeveralThreads) {
         });
     }
     for (auto& thread : threads) thread.join();
-    EXPECT_EQ(steady->levels().size(), 300u);
+    EXPECT_EQ(survivor->levels().size(), 301u);
 }
 
 TEST(PressureStallTest, ReadsTheTenSecondAveragesOfTheKernelsText) {
@@ -156,10 +152,7 @@ TEST(MemoryPressureMonitorTest, SignalsWhenStallsPassTheThresholdsAndAgainOnlyWh
     MemoryPressure::addResponder(recorder);
     auto monitor = monitorOf(file.path, std::chrono::hours(1));
 
-    std::this_thread::sleep_for(40ms);  // several quiet readings
-    EXPECT_TRUE(recorder->levels().empty());
-
-    file.set(9.99, 4.0);  // below both thresholds
+    file.set(9.99, 4.0);  // below both thresholds, after a quiet start
     std::this_thread::sleep_for(40ms);
     EXPECT_TRUE(recorder->levels().empty());
 
@@ -167,10 +160,8 @@ TEST(MemoryPressureMonitorTest, SignalsWhenStallsPassTheThresholdsAndAgainOnlyWh
     ASSERT_TRUE(zul::test::waitUntil([&] { return recorder->levels().size() == 1; }));
     EXPECT_EQ(recorder->levels()[0], Level::moderate);
     EXPECT_NE(recorder->threads()[0], std::this_thread::get_id());
-    std::this_thread::sleep_for(40ms);  // persisting: not signalled again
-    EXPECT_EQ(recorder->levels().size(), 1u);
 
-    file.set(30.0, 5.0);  // "full" at its threshold: critical, at once
+    file.set(30.0, 5.0);  // "full" at its threshold: critical, the next entry (moderate persisting is not news)
     ASSERT_TRUE(zul::test::waitUntil([&] { return recorder->levels().size() == 2; }));
     EXPECT_EQ(recorder->levels()[1], Level::critical);
 

@@ -39,15 +39,12 @@ URLRequest requestFor(const std::string& url, const char* method = "GET", const 
     if (body != nullptr) request.setHTTPBody(zul::dataFromString(body));
     return request;
 }
-// The code of `error`, or 0 for none.
 int codeOf(const std::optional<URLError>& error) { return error ? error->code() : 0; }
-// A task for `request` that reports to the session's delegate, resumed.
 std::shared_ptr<URLSessionTask> resumed(URLSession& session, const URLRequest& request) {
     auto task = session.dataTask(request);
     task->resume();
     return task;
 }
-std::string refusedURL() { return "http://127.0.0.1:" + std::to_string(zul::test::unusedLoopbackPort()) + "/"; }
 
 // Records what a session reports, checking on every callback that it runs on the delegate queue
 // and that no other callback runs at the same time.
@@ -66,7 +63,6 @@ public:
     std::shared_ptr<zul::DispatchQueue> queue = zul::DispatchQueue::create("test.urlsession.delegate");
     std::atomic<bool> refuseRedirects{false};  // else follows
 
-    // A session reporting to a new recorder on its queue.
     static std::pair<std::shared_ptr<Recorder>, std::shared_ptr<URLSession>> session(
         const URLSessionConfiguration& configuration = {}) {
         auto recorder = std::make_shared<Recorder>();
@@ -174,7 +170,6 @@ struct Handed {
         return calls > 0;
     }
     bool wait() { return waitUntil([this] { return done(); }); }
-    // Runs `request` on `session` with this as its completion handler.
     void start(URLSession& session, const URLRequest& request) {
         task = session.dataTask(request, handler());
         task->resume();
@@ -270,10 +265,7 @@ public:
         thread_.join();
         ::close(listener_);
     }
-    BareServer(const BareServer&) = delete;
-    BareServer& operator=(const BareServer&) = delete;
 
-    // An answer of 200 with `body`.
     static std::string ok(const std::string& body) {
         return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" + body;
     }
@@ -295,7 +287,6 @@ private:
 // Answers after 5 s (or when the server stops).
 constexpr const char* slowPath = "/pause?ms=5000";
 
-// A server with the standard routes.
 struct StandardServer {
     std::atomic<LoopbackServer*> self{nullptr};
     LoopbackServer server{[this](httplib::Server& s) { standardRoutes(s, &self); }};
@@ -473,7 +464,7 @@ TEST(URLSessionTest, CompletionHandlerTasksGetDataResponseOrThePlatformErrorOnce
 
     Handed ok(*session, requestFor(s.server.url("/big")));
     Handed serverError(*session, requestFor(s.server.url("/fail")));
-    Handed refused(*session, requestFor(refusedURL()));
+    Handed refused(*session, requestFor("http://127.0.0.1:" + std::to_string(zul::test::unusedLoopbackPort()) + "/"));
     Handed unknownHost(*session, requestFor("http://nonexistent.invalid/"));
     Handed unsupported(*session, requestFor("ftp://127.0.0.1/file"));
     Handed noURL(*session, URLRequest());
